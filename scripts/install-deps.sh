@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Installs every Debian 12 package that building, running and testing Quillet needs.
+# Safe to run again: apt-get skips what is already there.
+set -euo pipefail
+
+packages=(
+  # toolchain
+  build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
+  # Qt 6 and friends
+  qt6-base-dev qt6-base-dev-tools qt6-websockets-dev qt6-httpserver-dev qt6-multimedia-dev
+  qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
+  qml6-module-qtquick-window qml6-module-qtqml-workerscript
+  libqt6sql6-sqlite libqt6svg6 qt6-qpa-plugins
+  qcoro-qt6-dev qtkeychain-qt6-dev libsecret-1-dev
+  # platform layers
+  libx11-dev libxi-dev libxtst-dev libatspi2.0-dev libpulse-dev libsoxr-dev libspeexdsp-dev
+  libgtk-3-dev
+  # speech engine of the local backend
+  libpocketsphinx-dev libsphinxbase-dev pocketsphinx pocketsphinx-en-us pocketsphinx-testdata sphinxbase-utils
+  # headless desktop used by the tests
+  xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
+  xdotool xclip sox libsox-fmt-all espeak-ng
+  # tests and benchmarks
+  libbenchmark-dev libgtest-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && { echo "All build and test packages are installed."; exit 0; }
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "Installing packages needs root: run this script as root or install sudo." >&2; exit 1; }
+  SUDO=sudo
+fi
+echo "Installing ${#missing[@]} packages: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+// The system's store of secrets, reduced to what the token store needs:
+// generic-password items identified by an account name alone.
+class SecretStore
+{
+public:
+    enum class Status { Success, NotFound, Duplicate, Unavailable };
+
+    virtual ~SecretStore() = default;
+
+    // Copies the data of the one item with this account.
+    virtual Status copy(const QString& account, QByteArray& data) = 0;
+    // Deletes every item with this account; NotFound when there was none.
+    virtual Status remove(const QString& account) = 0;
+    // Adds an item with this account and data; Duplicate when one already exists.
+    virtual Status add(const QString& account, const QByteArray& data) = 0;
+    // A short human name of the backend, for diagnostics ("Secret Service", "file").
+    virtual QString backendName() const = 0;
+};
+
+// The platform's secret store: the desktop's keyring where one answers, or a
+// private file otherwise. Chosen once, when called.
+std::unique_ptr<SecretStore> makeSystemSecretStore();
