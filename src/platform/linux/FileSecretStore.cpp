@@ -22,7 +22,7 @@ std::optional<QJsonObject> readItems(const QString& path)
 {
     QFile file(path);
     if (!file.exists())
-        return QJsonObject{};
+        return QJsonObject {};
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     const QJsonDocument doc = QJsonDocument::fromJson(file.readAll());

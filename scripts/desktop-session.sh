@@ -1,0 +1,145 @@
+#!/usr/bin/env bash
+# Runs a command inside a private, headless desktop session and tears it down after:
+#   X server (Xvfb), session bus, accessibility bus, PulseAudio with a virtual
+#   microphone, and an unlocked Secret Service (gnome-keyring).
+# Usage: scripts/desktop-session.sh [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]
+# Inside a session already (QUILLET_DESKTOP_SESSION=1) it just runs the command.
+#
+# The session gets its own HOME and XDG directories under a temporary folder, so
+# nothing the command writes (settings, keyring, tokens) touches the real user.
+# Useful variables inside: DISPLAY, DBUS_SESSION_BUS_ADDRESS, PULSE_SERVER,
+# QUILLET_MIC_SINK (play into it to speak into the microphone: paplay -d "$QUILLET_MIC_SINK" f.wav),
+# QUILLET_MIC_SOURCE (the virtual microphone, the default source).
+set -euo pipefail
+
+a11y=1 keyring=1 sound=1
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --no-a11y) a11y=0; shift ;;
+    --no-keyring) keyring=0; shift ;;
+    --no-sound) sound=0; shift ;;
+    --) shift; break ;;
+    *) break ;;
+  esac
+done
+[ $# -gt 0 ] || { echo "usage: $0 [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2; exit 2; }
+
+if [ "${QUILLET_DESKTOP_SESSION:-}" = 1 ]; then
+  exec "$@"
+fi
+
+for tool in Xvfb dbus-run-session; do
+  command -v "$tool" >/dev/null || { echo "desktop-session: $tool is missing; run scripts/install-deps.sh" >&2; exit 1; }
+done
+
+# Stage 2 runs inside dbus-run-session, so the bus dies with it.
+if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
+  root=$(mktemp -d /tmp/quillet-session.XXXXXX)
+  chmod 700 "$root"
+  mkdir -p "$root"/{home,config,data,state,cache,runtime}
+  chmod 700 "$root/runtime"
+  xvfb_pid=""
+  cleanup() {
+    if [ -n "$xvfb_pid" ]; then kill "$xvfb_pid" 2>/dev/null || true; wait "$xvfb_pid" 2>/dev/null || true; fi
+    rm -rf "$root"
+  }
+  trap cleanup EXIT
+  trap 'exit 130' INT TERM
+
+  # Pick a free display and wait until the server accepts clients.
+  display=""
+  for n in $(seq 90 200); do
+    if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ]; then display=":$n"; break; fi
+  done
+  [ -n "$display" ] || { echo "desktop-session: no free X display" >&2; exit 1; }
+  Xvfb "$display" -screen 0 1920x1080x24 -nolisten tcp -ac +extension XInputExtension +extension XTEST >"$root/xvfb.log" 2>&1 &
+  xvfb_pid=$!
+  for _ in $(seq 1 100); do
+    [ -e "/tmp/.X11-unix/X${display#:}" ] && break
+    kill -0 "$xvfb_pid" 2>/dev/null || { cat "$root/xvfb.log" >&2; exit 1; }
+    sleep 0.05
+  done
+
+  set +e
+  env HOME="$root/home" XDG_CONFIG_HOME="$root/config" XDG_DATA_HOME="$root/data" \
+    XDG_STATE_HOME="$root/state" XDG_CACHE_HOME="$root/cache" XDG_RUNTIME_DIR="$root/runtime" \
+    DISPLAY="$display" _QUILLET_SESSION_ROOT="$root" _QUILLET_SESSION_STAGE=2 \
+    _QUILLET_A11Y=$a11y _QUILLET_KEYRING=$keyring _QUILLET_SOUND=$sound \
+    dbus-run-session -- bash ${QUILLET_SESSION_TRACE:+-x} "$0" "$@"
+  status=$?
+  set -e
+  exit $status
+fi
+
+# ---- stage 2: inside the session bus ----
+root=$_QUILLET_SESSION_ROOT
+pids=()
+cleanup2() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  # Services started on demand by the bus (registry, keyring helpers) die with it.
+  return 0
+}
+trap cleanup2 EXIT
+
+if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then
+  # The accessibility bus runs in both cases; "--no-a11y" only leaves it disabled,
+  # which is what a desktop with assistive technologies switched off looks like.
+  /usr/libexec/at-spi-bus-launcher --launch-immediately >"$root/a11y.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 1 100); do
+    dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus org.a11y.Bus.GetAddress >/dev/null 2>&1 && break
+    sleep 0.05
+  done
+  enabled=false
+  [ "$_QUILLET_A11Y" = 1 ] && enabled=true
+  dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus org.freedesktop.DBus.Properties.Set \
+    string:org.a11y.Status string:IsEnabled variant:boolean:$enabled >/dev/null
+  if [ "$_QUILLET_A11Y" = 1 ]; then
+    export QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 GTK_MODULES=gail:atk-bridge NO_AT_BRIDGE=0
+  else
+    export NO_AT_BRIDGE=1
+  fi
+fi
+
+if [ "$_QUILLET_SOUND" = 1 ]; then
+  cat >"$root/pulse.pa" <<'PA'
+load-module module-native-protocol-unix
+load-module module-null-sink sink_name=mic_feed sink_properties=device.description=MicFeed
+load-module module-null-sink sink_name=speakers sink_properties=device.description=Speakers
+load-module module-virtual-source source_name=vmic master=mic_feed.monitor source_properties=device.description=VirtualMicrophone
+set-default-sink speakers
+set-default-source vmic
+PA
+  # Running as root is refused without --system unless told otherwise; this
+  # daemon is private to the session (its socket lives in our runtime dir).
+  pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --use-pid-file=no \
+    --disable-shm=yes -F "$root/pulse.pa" >"$root/pulse.log" 2>&1 &
+  pids+=($!)
+  export PULSE_SERVER="unix:$XDG_RUNTIME_DIR/pulse/native"
+  for _ in $(seq 1 100); do
+    pactl info >/dev/null 2>&1 && break
+    sleep 0.05
+  done
+  pactl info >/dev/null 2>&1 || { echo "desktop-session: PulseAudio did not start:" >&2; cat "$root/pulse.log" >&2; exit 1; }
+  export QUILLET_MIC_SINK=mic_feed QUILLET_MIC_SOURCE=vmic
+fi
+
+if [ "$_QUILLET_KEYRING" = 1 ]; then
+  # An empty password creates and unlocks a fresh "login" keyring.
+  eval "$(printf '\n' | gnome-keyring-daemon --unlock --components=secrets 2>/dev/null)"
+  for _ in $(seq 1 100); do
+    dbus-send --session --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
+      string:org.freedesktop.secrets 2>/dev/null | grep -q true && break
+    sleep 0.05
+  done
+  keyring_pid=$(pgrep -n -f "gnome-keyring-daemon" || true)
+  [ -n "$keyring_pid" ] && pids+=("$keyring_pid")
+fi
+
+export QUILLET_DESKTOP_SESSION=1
+set +e
+"$@"
+status=$?
+set -e
+exit $status

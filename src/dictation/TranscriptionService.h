@@ -1,0 +1,101 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <QCoroTask>
+
+#include <concepts>
+#include <optional>
+#include <span>
+
+#include <QWebSocket>
+
+// What the stream reports to its owner, on the main thread.
+class TranscriptionDelegate {
+public:
+    virtual ~TranscriptionDelegate() = default;
+    virtual void transcriptionDidReceivePartial(const QString& text) = 0;
+    virtual void transcriptionDidReceiveFinal(const QString& text) = 0;
+    virtual void transcriptionDidEnd() = 0;
+    virtual void transcriptionDidFail(const QString& message, const QString& code) = 0;
+};
+
+// The failures a dictation shows the user, each with its fixed sentence.
+class TranscriptionError {
+public:
+    enum Case { notSignedIn, connectionTimeout };
+
+    explicit TranscriptionError(Case value)
+        : m_case(value)
+    {
+    }
+    Case value() const { return m_case; }
+    QString errorDescription() const;
+    friend bool operator==(TranscriptionError, TranscriptionError) = default;
+
+private:
+    Case m_case;
+};
+
+// Why connect() failed: one of the known errors, or the socket's own failure in words.
+struct StreamConnectFailure {
+    std::optional<TranscriptionError> error;
+    QString description;
+};
+
+// One dictation's stream to the backend: in-band authentication, base64 audio
+// messages, a stop message, and the server's partial/final/error messages turned
+// into delegate calls. The server closing the socket ends the transcript.
+// Lives on the main thread; one instance per dictation, never reused.
+class TranscriptionService : public QObject {
+    Q_OBJECT
+public:
+    explicit TranscriptionService(QObject* parent = nullptr);
+    ~TranscriptionService() override;
+
+    // The delegate is held weakly: once it is destroyed, no call reaches it.
+    template <typename T>
+    requires std::derived_from<T, QObject> && std::derived_from<T, TranscriptionDelegate>
+    void setDelegate(T* delegate)
+    {
+        m_delegateObject = delegate;
+        m_delegate = delegate;
+    }
+
+    // Opens the socket and sends the authentication message; returns once that send
+    // went out, without waiting for any answer. Nothing on success.
+    QCoro::Task<std::optional<StreamConnectFailure>> connect();
+    // Queues one audio message for a buffer of 16 kHz mono signed 16-bit samples.
+    void sendAudio(std::span<const qint16> samples);
+    // Queues the stop message; nothing is sent while no socket exists.
+    void stop();
+    // Closes the stream from this side with code 1000 and forgets the socket.
+    void cancel();
+
+    // True while a socket exists (connect() made one and cancel() has not dropped it).
+    bool hasSocket() const { return m_socket != nullptr; }
+    bool gotAnyResponse() const { return m_gotAnyResponse; }
+    bool sawError() const { return m_sawError; }
+
+    // "http://" -> "ws://", "https://" -> "wss://", then "/ws/transcribe" appended.
+    static QString streamAddress(const QString& apiBaseURL);
+    // The audio message for these samples (little-endian PCM in standard base64).
+    static QByteArray audioMessage(std::span<const qint16> samples);
+    // Handles one server message (a text frame's bytes or a binary frame).
+    void handleMessage(const QByteArray& data);
+
+private:
+    bool sendJSON(const QByteArray& json);
+    void startReceiving();
+    void endStream();
+    TranscriptionDelegate* delegate() const;
+
+    QPointer<QWebSocket> m_socket;
+    QPointer<QObject> m_delegateObject;
+    TranscriptionDelegate* m_delegate = nullptr;
+    bool m_gotAnyResponse = false;
+    bool m_sawError = false;
+    bool m_ended = false;
+};

@@ -1,0 +1,7 @@
+#include "AuthNotifier.h"
+
+AuthNotifier& AuthNotifier::instance()
+{
+    static AuthNotifier notifier;
+    return notifier;
+}
