@@ -128,8 +128,9 @@ QCoro::Task<std::optional<QString>> KeychainHelper::performRefresh()
     if (!refreshToken)
         co_return std::nullopt;
 
+    // A relative address (an empty base) is still sent, and fails as a request would.
     const QUrl url(AppConfig::apiBaseURL() + u"/auth/refresh"_s, QUrl::StrictMode);
-    if (!url.isValid() || url.isRelative())
+    if (!url.isValid())
         co_return std::nullopt;
 
     QNetworkRequest request(url);
