@@ -26,6 +26,8 @@ const char* symbolText(Log::Symbol symbol)
         return "\U0001F504";
     case Log::Symbol::Key:
         return "\U0001F511";
+    case Log::Symbol::Insertion:
+        return "\u270F\uFE0F";
     }
     return "?";
 }
@@ -50,6 +52,15 @@ void Log::write(Symbol symbol, QStringView message)
             break;
         start = end + 1;
     }
+    std::fwrite(line.constData(), 1, static_cast<size_t>(line.size()), stdout);
+}
+
+void Log::writeContinuation(QStringView message)
+{
+    QByteArray line("   ");
+    line.append(message.toUtf8());
+    line.replace("\n", "\n   ");
+    line.append('\n');
     std::fwrite(line.constData(), 1, static_cast<size_t>(line.size()), stdout);
 }
 

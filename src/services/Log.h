@@ -16,10 +16,14 @@ enum class Symbol {
     EndOfTranscript, // 🏁
     Refreshed, // 🔄
     Key, // 🔑
+    Insertion, // ✏️
 };
 
 // Writes one diagnostic with a single write, so lines from two threads never interleave.
 void write(Symbol symbol, QStringView message);
+
+// Writes a line that continues the previous diagnostic: three blanks, then the message.
+void writeContinuation(QStringView message);
 
 // Switches standard output to unbuffered, so each line is out the moment it is written.
 void makeStdoutUnbuffered();

@@ -33,6 +33,13 @@ private Q_SLOTS:
         Log::write(Log::Symbol::Failure, u"insertion failed\nrole: text\nvalue: none");
         QCOMPARE(out.text(), u"✗ [Quillet] insertion failed\n   role: text\n   value: none\n"_s);
     }
+    void insertionSymbolAndStandaloneContinuation()
+    {
+        StdoutCapture out;
+        Log::write(Log::Symbol::Insertion, u"TextInserter.insert(3 chars)");
+        Log::writeContinuation(u"\u2192 AX insert succeeded");
+        QCOMPARE(out.text(), u"✏️ [Quillet] TextInserter.insert(3 chars)\n   → AX insert succeeded\n"_s);
+    }
     void linesFromTwoThreadsNeverInterleave()
     {
         StdoutCapture out;
