@@ -60,12 +60,37 @@ if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
     sleep 0.05
   done
 
+  # Without a keyring the bus must not start one on demand either: its only
+  # service folder is empty, which is what a bare window-manager session without
+  # a Secret Service looks like.
+  bus_args=()
+  if [ "$keyring" = 0 ]; then
+    mkdir -p "$root/no-services"
+    cat >"$root/session-bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <keep_umask/>
+  <listen>unix:tmpdir=$root/runtime</listen>
+  <auth>EXTERNAL</auth>
+  <servicedir>$root/no-services</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+CONF
+    bus_args=(--config-file="$root/session-bus.conf")
+  fi
+
   set +e
   env HOME="$root/home" XDG_CONFIG_HOME="$root/config" XDG_DATA_HOME="$root/data" \
     XDG_STATE_HOME="$root/state" XDG_CACHE_HOME="$root/cache" XDG_RUNTIME_DIR="$root/runtime" \
     DISPLAY="$display" _QUILLET_SESSION_ROOT="$root" _QUILLET_SESSION_STAGE=2 \
     _QUILLET_A11Y=$a11y _QUILLET_KEYRING=$keyring _QUILLET_SOUND=$sound \
-    dbus-run-session -- bash ${QUILLET_SESSION_TRACE:+-x} "$0" "$@"
+    dbus-run-session "${bus_args[@]}" -- bash ${QUILLET_SESSION_TRACE:+-x} "$0" "$@"
   status=$?
   set -e
   exit $status

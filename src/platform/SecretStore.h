@@ -16,7 +16,7 @@ public:
 
     // Copies the data of the one item with this account.
     virtual Status copy(const QString& account, QByteArray& data) = 0;
-    // Deletes every item with this account; NotFound when there was none.
+    // Deletes every item with this account; NotFound when there was none (where the store can tell).
     virtual Status remove(const QString& account) = 0;
     // Adds an item with this account and data; Duplicate when one already exists.
     virtual Status add(const QString& account, const QByteArray& data) = 0;

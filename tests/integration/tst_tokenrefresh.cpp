@@ -18,8 +18,7 @@ using namespace Qt::StringLiterals;
 
 // Token renewal against a real HTTP server on loopback, with the tokens kept in
 // the real file store in a private folder.
-class TestTokenRefresh : public QObject
-{
+class TestTokenRefresh : public QObject {
     Q_OBJECT
 
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -38,7 +37,7 @@ class TestTokenRefresh : public QObject
     void pointConfigAt(const QString& base)
     {
         m_info.reset(); // its destructor restores the default lookup
-        m_info = std::make_unique<TestInfoFile>(QJsonObject{{u"API_BASE_URL"_s, base}});
+        m_info = std::make_unique<TestInfoFile>(QJsonObject { { u"API_BASE_URL"_s, base } });
     }
 
     void signIn()
@@ -49,7 +48,7 @@ class TestTokenRefresh : public QObject
 
     QByteArray pairBody(const QString& access, const QString& refresh)
     {
-        return QJsonDocument(QJsonObject{{u"access_token"_s, access}, {u"refresh_token"_s, refresh}})
+        return QJsonDocument(QJsonObject { { u"access_token"_s, access }, { u"refresh_token"_s, refresh } })
             .toJson(QJsonDocument::Compact);
     }
 
@@ -63,14 +62,14 @@ private Q_SLOTS:
     void initTestCase()
     {
         Log::makeStdoutUnbuffered();
-        m_secrets = {m_oldAccess, m_oldRefresh, m_newAccess, m_newRefresh};
+        m_secrets = { m_oldAccess, m_oldRefresh, m_newAccess, m_newRefresh };
     }
 
     void init()
     {
         m_dir = std::make_unique<QTemporaryDir>();
         KeychainHelper::setStore(std::make_unique<FileSecretStore>(m_dir->filePath(u"credentials.json"_s)));
-        m_reply = [](const HttpTestRequest&) { return HttpTestReply{500, "{}"}; };
+        m_reply = [](const HttpTestRequest&) { return HttpTestReply { 500, "{}" }; };
         m_server = std::make_unique<HttpTestServer>([this](const HttpTestRequest& r) { return m_reply(r); });
         pointConfigAt(m_server->baseUrl());
         signIn();
@@ -86,13 +85,13 @@ private Q_SLOTS:
 
     void success200SavesTheNewPair()
     {
-        m_reply = [this](const HttpTestRequest&) { return HttpTestReply{200, pairBody(m_newAccess, m_newRefresh)}; };
+        m_reply = [this](const HttpTestRequest&) { return HttpTestReply { 200, pairBody(m_newAccess, m_newRefresh) }; };
         StdoutCapture out;
         const std::optional<QString> token = QCoro::waitFor(KeychainHelper::performRefresh());
         QCOMPARE(token, std::optional<QString>(m_newAccess));
         QCOMPARE(stored(KeychainHelper::accessTokenKey), std::optional<QString>(m_newAccess));
         QCOMPARE(stored(KeychainHelper::refreshTokenKey), std::optional<QString>(m_newRefresh));
-        QCOMPARE(out.lines(), QStringList{u"🔄 [Quillet] access token refreshed"_s});
+        QCOMPARE(out.lines(), QStringList { u"🔄 [Quillet] access token refreshed"_s });
         assertNoSecretIn(out.text());
 
         QCOMPARE(m_server->requests.size(), 1);
@@ -102,19 +101,19 @@ private Q_SLOTS:
         QCOMPARE(request.headers.value("content-type"), QByteArray("application/json"));
         QVERIFY(!request.headers.contains("authorization"));
         const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-        QCOMPARE(body, (QJsonObject{{u"refresh_token"_s, m_oldRefresh}}));
+        QCOMPARE(body, (QJsonObject { { u"refresh_token"_s, m_oldRefresh } }));
     }
 
     void success200WithoutRefreshTokenKeepsTheOldPair()
     {
         m_reply = [this](const HttpTestRequest&) {
-            return HttpTestReply{200, QJsonDocument(QJsonObject{{u"access_token"_s, m_newAccess}}).toJson()};
+            return HttpTestReply { 200, QJsonDocument(QJsonObject { { u"access_token"_s, m_newAccess } }).toJson() };
         };
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
         QCOMPARE(stored(KeychainHelper::accessTokenKey), std::optional<QString>(m_oldAccess));
         QCOMPARE(stored(KeychainHelper::refreshTokenKey), std::optional<QString>(m_oldRefresh));
-        QCOMPARE(out.lines(), QStringList{u"✗ [Quillet] token refresh failed (status=200)"_s});
+        QCOMPARE(out.lines(), QStringList { u"✗ [Quillet] token refresh failed (status=200)"_s });
         assertNoSecretIn(out.text());
     }
 
@@ -129,23 +128,23 @@ private Q_SLOTS:
     void success200WithUnusableBody()
     {
         QFETCH(QByteArray, body);
-        m_reply = [body](const HttpTestRequest&) { return HttpTestReply{200, body}; };
+        m_reply = [body](const HttpTestRequest&) { return HttpTestReply { 200, body }; };
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
         QCOMPARE(stored(KeychainHelper::refreshTokenKey), std::optional<QString>(m_oldRefresh));
-        QCOMPARE(out.lines(), QStringList{u"✗ [Quillet] token refresh failed (status=200)"_s});
+        QCOMPARE(out.lines(), QStringList { u"✗ [Quillet] token refresh failed (status=200)"_s });
     }
 
     void rejection401SignsOutAndNotifiesOnce()
     {
-        m_reply = [](const HttpTestRequest&) { return HttpTestReply{401, R"({"detail":"invalid refresh token"})"}; };
+        m_reply = [](const HttpTestRequest&) { return HttpTestReply { 401, R"({"detail":"invalid refresh token"})" }; };
         QSignalSpy invalidated(&AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated);
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
         QCOMPARE(stored(KeychainHelper::accessTokenKey), std::nullopt);
         QCOMPARE(stored(KeychainHelper::refreshTokenKey), std::nullopt);
         QCOMPARE(invalidated.count(), 1);
-        QCOMPARE(out.lines(), QStringList{u"✗ [Quillet] refresh token is invalid — clearing keychain"_s});
+        QCOMPARE(out.lines(), QStringList { u"✗ [Quillet] refresh token is invalid — clearing keychain"_s });
         // Nothing else is announced later.
         QTest::qWait(50);
         QCOMPARE(invalidated.count(), 1);
@@ -162,19 +161,19 @@ private Q_SLOTS:
     void otherStatusesKeepTheTokens()
     {
         QFETCH(int, status);
-        m_reply = [status](const HttpTestRequest&) { return HttpTestReply{status, R"({"detail":"no"})"}; };
+        m_reply = [status](const HttpTestRequest&) { return HttpTestReply { status, R"({"detail":"no"})" }; };
         QSignalSpy invalidated(&AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated);
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
         QCOMPARE(stored(KeychainHelper::accessTokenKey), std::optional<QString>(m_oldAccess));
         QCOMPARE(stored(KeychainHelper::refreshTokenKey), std::optional<QString>(m_oldRefresh));
         QCOMPARE(invalidated.count(), 0);
-        QCOMPARE(out.lines(), QStringList{u"✗ [Quillet] token refresh failed (status=%1)"_s.arg(status)});
+        QCOMPARE(out.lines(), QStringList { u"✗ [Quillet] token refresh failed (status=%1)"_s.arg(status) });
     }
 
     void droppedConnectionIsATransportError()
     {
-        m_reply = [](const HttpTestRequest&) { return HttpTestReply{.drop = true}; };
+        m_reply = [](const HttpTestRequest&) { return HttpTestReply { .drop = true }; };
         QSignalSpy invalidated(&AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated);
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
@@ -198,7 +197,7 @@ private Q_SLOTS:
         pointConfigAt(u"http://127.0.0.1:%1"_s.arg(port));
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);
-        QCOMPARE(out.lines(), QStringList{u"✗ [Quillet] token refresh error: Connection refused"_s});
+        QCOMPARE(out.lines(), QStringList { u"✗ [Quillet] token refresh error: Connection refused"_s });
         QCOMPARE(stored(KeychainHelper::accessTokenKey), std::optional<QString>(m_oldAccess));
     }
 
@@ -227,7 +226,7 @@ private Q_SLOTS:
 
     void validAccessTokenRenewsAnExpiringToken()
     {
-        m_reply = [this](const HttpTestRequest&) { return HttpTestReply{200, pairBody(m_newAccess, m_newRefresh)}; };
+        m_reply = [this](const HttpTestRequest&) { return HttpTestReply { 200, pairBody(m_newAccess, m_newRefresh) }; };
         QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::optional<QString>(m_newAccess));
         QCOMPARE(m_server->requests.size(), 1);
         // The renewed token is good for a while: no second request.
@@ -237,7 +236,7 @@ private Q_SLOTS:
 
     void validAccessTokenGivesNothingWhenRenewalFails()
     {
-        m_reply = [](const HttpTestRequest&) { return HttpTestReply{503, "{}"}; };
+        m_reply = [](const HttpTestRequest&) { return HttpTestReply { 503, "{}" }; };
         QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::nullopt);
         QCOMPARE(m_server->requests.size(), 1);
         // No retry and no back-off: the next caller simply tries again.
@@ -253,10 +252,10 @@ private Q_SLOTS:
         m_reply = [&](const HttpTestRequest& request) {
             const QString sent = QJsonDocument::fromJson(request.body).object().value(u"refresh_token"_s).toString();
             if (sent != current)
-                return HttpTestReply{401, R"({"detail":"refresh token reused"})"};
+                return HttpTestReply { 401, R"({"detail":"refresh token reused"})" };
             current = u"refresh-rotated-%1"_s.arg(++issued);
             m_secrets.append(current);
-            return HttpTestReply{200, pairBody(m_newAccess, current)};
+            return HttpTestReply { 200, pairBody(m_newAccess, current) };
         };
         m_server->holdAnswersUntil(2);
         QSignalSpy invalidated(&AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated);

@@ -27,8 +27,7 @@ QByteArray j(const char* singleQuoted)
 } // namespace
 
 // Records every call the stream makes on its delegate.
-class RecordingDelegate : public QObject, public TranscriptionDelegate
-{
+class RecordingDelegate : public QObject, public TranscriptionDelegate {
     Q_OBJECT
 public:
     QStringList calls;
@@ -51,8 +50,7 @@ Q_SIGNALS:
 };
 
 // The stream client against a real WebSocket server on loopback, scripted per case.
-class TestTranscriptionService : public QObject
-{
+class TestTranscriptionService : public QObject {
     Q_OBJECT
 
     std::unique_ptr<ScriptedStreamServer> m_server;
@@ -65,7 +63,7 @@ class TestTranscriptionService : public QObject
     void pointConfigAt(const QString& base)
     {
         m_info.reset();
-        m_info = std::make_unique<TestInfoFile>(QJsonObject{{u"API_BASE_URL"_s, base}});
+        m_info = std::make_unique<TestInfoFile>(QJsonObject { { u"API_BASE_URL"_s, base } });
     }
 
     // Connects, then waits until the stream has reported its end (or a failure).
@@ -127,9 +125,9 @@ private Q_SLOTS:
     void errorDescriptions()
     {
         QCOMPARE(TranscriptionError(TranscriptionError::notSignedIn).errorDescription(),
-                 u"Sign in to Quillet to use dictation."_s);
+            u"Sign in to Quillet to use dictation."_s);
         QCOMPARE(TranscriptionError(TranscriptionError::connectionTimeout).errorDescription(),
-                 u"Connection timed out. Check your internet connection."_s);
+            u"Connection timed out. Check your internet connection."_s);
     }
 
     void audioMessageOf1600FramesHas4268Characters()
@@ -143,16 +141,15 @@ private Q_SLOTS:
 
     void wholeDictationByteForByte()
     {
-        m_server->script = {ScriptedStreamServer::text(j("{'type':'partial','text':'hello'}")),
-                            ScriptedStreamServer::waitForStop(),
-                            ScriptedStreamServer::text(j("{'type':'final','text':'hello world'}")),
-                            ScriptedStreamServer::close()};
+        m_server->script = { ScriptedStreamServer::text(j("{'type':'partial','text':'hello'}")),
+            ScriptedStreamServer::waitForStop(), ScriptedStreamServer::text(j("{'type':'final','text':'hello world'}")),
+            ScriptedStreamServer::close() };
         const std::optional<StreamConnectFailure> failure = QCoro::waitFor(m_service->connect());
         QVERIFY(!failure);
         QVERIFY(m_service->hasSocket());
 
         const std::vector<qint16> first = ramp(1365);
-        const std::vector<qint16> second = {0, 1, -1, 32767, -32768, 256};
+        const std::vector<qint16> second = { 0, 1, -1, 32767, -32768, 256 };
         m_service->sendAudio(first);
         m_service->sendAudio(second);
         m_service->sendAudio({}); // a buffer without samples sends nothing
@@ -160,13 +157,13 @@ private Q_SLOTS:
 
         QSignalSpy done(m_delegate.get(), &RecordingDelegate::finished);
         QVERIFY(done.wait(5000));
-        QCOMPARE(m_delegate->calls, (QStringList{u"partial:hello"_s, u"final:hello world"_s, u"end"_s}));
+        QCOMPARE(m_delegate->calls, (QStringList { u"partial:hello"_s, u"final:hello world"_s, u"end"_s }));
         QCOMPARE(m_server->requestPath, u"/ws/transcribe"_s);
         QCOMPARE(m_server->binaryFramesReceived, 0);
 
         QCOMPARE(m_server->received.size(), 4);
         const QJsonObject auth = QJsonDocument::fromJson(m_server->received[0]).object();
-        QCOMPARE(auth, (QJsonObject{{u"type"_s, u"auth"_s}, {u"token"_s, m_token}}));
+        QCOMPARE(auth, (QJsonObject { { u"type"_s, u"auth"_s }, { u"token"_s, m_token } }));
         QByteArray expected;
         for (qint16 s : first) {
             expected.append(static_cast<char>(s & 0xff));
@@ -175,7 +172,7 @@ private Q_SLOTS:
         QCOMPARE(m_server->received[1], j("{'type':'audio','data':'") + expected.toBase64() + j("'}"));
         // 00 00 01 00 ff ff ff 7f 00 80 00 01
         QCOMPARE(m_server->received[2], QByteArray(j("{'type':'audio','data':'AAABAP///38AgAAB'}")));
-        QCOMPARE(QJsonDocument::fromJson(m_server->received[3]).object(), (QJsonObject{{u"type"_s, u"stop"_s}}));
+        QCOMPARE(QJsonDocument::fromJson(m_server->received[3]).object(), (QJsonObject { { u"type"_s, u"stop"_s } }));
         QVERIFY(m_service->gotAnyResponse());
         QVERIFY(!m_service->sawError());
     }
@@ -186,27 +183,28 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("calls");
         using L = QList<QByteArray>;
         QTest::newRow("partial then final")
-            << L{j("{'type':'partial','text':'a'}"), j("{'type':'final','text':'a b'}")}
-            << QStringList{u"partial:a"_s, u"final:a b"_s, u"end"_s};
-        QTest::newRow("partial without text still counts") << L{j("{'type':'partial'}")} << QStringList{u"end"_s};
-        QTest::newRow("final with a number") << L{j("{'type':'final','text':5}")} << QStringList{u"end"_s};
-        QTest::newRow("unknown type counts") << L{j("{'type':'progress','pct':3}")} << QStringList{u"end"_s};
+            << L { j("{'type':'partial','text':'a'}"), j("{'type':'final','text':'a b'}") }
+            << QStringList { u"partial:a"_s, u"final:a b"_s, u"end"_s };
+        QTest::newRow("partial without text still counts") << L { j("{'type':'partial'}") } << QStringList { u"end"_s };
+        QTest::newRow("final with a number") << L { j("{'type':'final','text':5}") } << QStringList { u"end"_s };
+        QTest::newRow("unknown type counts") << L { j("{'type':'progress','pct':3}") } << QStringList { u"end"_s };
         QTest::newRow("error with members")
-            << L{j("{'type':'error','code':'AUTH_EXPIRED','message':'Your session expired. Sign in again.'}")}
-            << QStringList{u"fail:AUTH_EXPIRED:Your session expired. Sign in again."_s};
-        QTest::newRow("error without members") << L{j("{'type':'error'}")} << QStringList{u"fail:UNKNOWN:Unknown error"_s};
+            << L { j("{'type':'error','code':'AUTH_EXPIRED','message':'Your session expired. Sign in again.'}") }
+            << QStringList { u"fail:AUTH_EXPIRED:Your session expired. Sign in again."_s };
+        QTest::newRow("error without members")
+            << L { j("{'type':'error'}") } << QStringList { u"fail:UNKNOWN:Unknown error"_s };
         QTest::newRow("error with wrong member types")
-            << L{j("{'type':'error','code':7,'message':null}")} << QStringList{u"fail:UNKNOWN:Unknown error"_s};
+            << L { j("{'type':'error','code':7,'message':null}") } << QStringList { u"fail:UNKNOWN:Unknown error"_s };
         QTest::newRow("nothing after an error")
-            << L{j("{'type':'error','code':'X','message':'m'}"), j("{'type':'final','text':'late'}")}
-            << QStringList{u"fail:X:m"_s, u"final:late"_s};
+            << L { j("{'type':'error','code':'X','message':'m'}"), j("{'type':'final','text':'late'}") }
+            << QStringList { u"fail:X:m"_s, u"final:late"_s };
         QTest::newRow("malformed json is ignored and does not count")
-            << L{"{not json", "[1,2]", j("{'text':'no type'}"), j("{'type':3}")}
-            << QStringList{u"fail:WS_CLOSED:Connection closed before any response. Check backend or token."_s};
+            << L { "{not json", "[1,2]", j("{'text':'no type'}"), j("{'type':3}") }
+            << QStringList { u"fail:WS_CLOSED:Connection closed before any response. Check backend or token."_s };
         QTest::newRow("malformed then valid")
-            << L{"{oops", j("{'type':'final','text':'ok'}")} << QStringList{u"final:ok"_s, u"end"_s};
-        QTest::newRow("non-ascii text") << L{j("{'type':'final','text':'café ☕ 👋'}")}
-                                        << QStringList{u"final:café ☕ 👋"_s, u"end"_s};
+            << L { "{oops", j("{'type':'final','text':'ok'}") } << QStringList { u"final:ok"_s, u"end"_s };
+        QTest::newRow("non-ascii text") << L { j("{'type':'final','text':'café ☕ 👋'}") }
+                                        << QStringList { u"final:café ☕ 👋"_s, u"end"_s };
     }
     void serverMessages()
     {
@@ -222,38 +220,41 @@ private Q_SLOTS:
 
     void binaryFramesAreHandledLikeText()
     {
-        m_server->script = {ScriptedStreamServer::binary(j("{'type':'partial','text':'bin'}")),
-                            ScriptedStreamServer::binary(j("{'type':'final','text':'binary final'}")),
-                            ScriptedStreamServer::binary(j("{'type':'error','code':'E','message':'from binary'}")),
-                            ScriptedStreamServer::close()};
+        m_server->script = { ScriptedStreamServer::binary(j("{'type':'partial','text':'bin'}")),
+            ScriptedStreamServer::binary(j("{'type':'final','text':'binary final'}")),
+            ScriptedStreamServer::binary(j("{'type':'error','code':'E','message':'from binary'}")),
+            ScriptedStreamServer::close() };
         connectAndRunToEnd();
         QTest::qWait(50);
-        QCOMPARE(m_delegate->calls, (QStringList{u"partial:bin"_s, u"final:binary final"_s, u"fail:E:from binary"_s}));
+        QCOMPARE(
+            m_delegate->calls, (QStringList { u"partial:bin"_s, u"final:binary final"_s, u"fail:E:from binary"_s }));
     }
 
     void closeRightAfterErrorReportsNothingMore()
     {
-        m_server->script = {ScriptedStreamServer::text(j("{'type':'error','code':'SERVER_BUSY','message':'Busy'}")),
-                            ScriptedStreamServer::close(1011)};
+        m_server->script = { ScriptedStreamServer::text(j("{'type':'error','code':'SERVER_BUSY','message':'Busy'}")),
+            ScriptedStreamServer::close(1011) };
         connectAndRunToEnd();
         QTRY_VERIFY(!m_service->hasSocket());
         QTest::qWait(50);
-        QCOMPARE(m_delegate->calls, QStringList{u"fail:SERVER_BUSY:Busy"_s});
+        QCOMPARE(m_delegate->calls, QStringList { u"fail:SERVER_BUSY:Busy"_s });
         QVERIFY(m_service->sawError());
     }
 
     void closeBeforeAnyMessageIsWsClosed()
     {
-        m_server->script = {ScriptedStreamServer::close()};
+        m_server->script = { ScriptedStreamServer::close() };
         connectAndRunToEnd();
         QCOMPARE(m_delegate->calls,
-                 QStringList{u"fail:WS_CLOSED:Connection closed before any response. Check backend or token."_s});
+            QStringList { u"fail:WS_CLOSED:Connection closed before any response. Check backend or token."_s });
         QVERIFY(!m_service->gotAnyResponse());
     }
 
     void refusedHandshakeFailsConnect()
     {
-        HttpTestServer refusing([](const HttpTestRequest&) { return HttpTestReply{403, j("{'detail':'forbidden'}")}; });
+        HttpTestServer refusing([](const HttpTestRequest&) {
+            return HttpTestReply { 403, j("{'detail':'forbidden'}") };
+        });
         pointConfigAt(refusing.baseUrl());
         const std::optional<StreamConnectFailure> failure = QCoro::waitFor(m_service->connect());
         QVERIFY(failure.has_value());
@@ -288,7 +289,8 @@ private Q_SLOTS:
         m_store->calls.clear();
         const std::optional<StreamConnectFailure> failure = QCoro::waitFor(m_service->connect());
         QVERIFY(failure.has_value());
-        QCOMPARE(failure->error, std::optional<TranscriptionError>(TranscriptionError(TranscriptionError::notSignedIn)));
+        QCOMPARE(
+            failure->error, std::optional<TranscriptionError>(TranscriptionError(TranscriptionError::notSignedIn)));
         QCOMPARE(failure->description, u"Sign in to Quillet to use dictation."_s);
         QTest::qWait(50);
         QCOMPARE(m_server->connections, 0);
@@ -300,24 +302,24 @@ private Q_SLOTS:
 
     void cancelClosesWithCode1000()
     {
-        m_server->script = {ScriptedStreamServer::text(j("{'type':'partial','text':'x'}"))};
+        m_server->script = { ScriptedStreamServer::text(j("{'type':'partial','text':'x'}")) };
         QSignalSpy gone(m_server.get(), &ScriptedStreamServer::clientGone);
         QVERIFY(!QCoro::waitFor(m_service->connect()));
-        QTRY_COMPARE(m_delegate->calls, QStringList{u"partial:x"_s});
+        QTRY_COMPARE(m_delegate->calls, QStringList { u"partial:x"_s });
         m_service->cancel();
         QVERIFY(!m_service->hasSocket());
         QVERIFY(gone.wait(5000));
         QCOMPARE(m_server->clientCloseCode, 1000);
         // The stream still ends once, as a close after a response.
-        QTRY_COMPARE(m_delegate->calls, (QStringList{u"partial:x"_s, u"end"_s}));
+        QTRY_COMPARE(m_delegate->calls, (QStringList { u"partial:x"_s, u"end"_s }));
         m_service->stop(); // nothing to send to
         m_service->cancel();
     }
 
     void delegateIsHeldWeakly()
     {
-        m_server->script = {ScriptedStreamServer::waitForStop(), ScriptedStreamServer::text(j("{'type':'final','text':'f'}")),
-                            ScriptedStreamServer::close()};
+        m_server->script = { ScriptedStreamServer::waitForStop(),
+            ScriptedStreamServer::text(j("{'type':'final','text':'f'}")), ScriptedStreamServer::close() };
         QSignalSpy gone(m_server.get(), &ScriptedStreamServer::clientGone);
         QVERIFY(!QCoro::waitFor(m_service->connect()));
         m_delegate.reset(); // the session went away
@@ -329,7 +331,7 @@ private Q_SLOTS:
 
     void serviceDestroyedMidStreamIsQuiet()
     {
-        m_server->script = {ScriptedStreamServer::waitForStop()};
+        m_server->script = { ScriptedStreamServer::waitForStop() };
         QSignalSpy gone(m_server.get(), &ScriptedStreamServer::clientGone);
         QVERIFY(!QCoro::waitFor(m_service->connect()));
         m_service.reset();

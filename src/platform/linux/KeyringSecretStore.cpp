@@ -3,6 +3,7 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QEventLoop>
+#include <QTimer>
 #include <qt6keychain/keychain.h>
 
 #include <utility>
@@ -11,15 +12,29 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Runs one job to its end. The job is owned here and never auto-deleted, so its
-// results can be read after the local loop has returned.
-void runToCompletion(QKeychain::Job& job)
+// A keyring may ask the user to unlock it; give them time, but never wait forever.
+constexpr int kJobTimeoutMs = 60'000;
+// Deciding whether the keyring is usable at all must not stall start-up behind a
+// prompt nobody answers (a headless session, a keyring without any collection).
+constexpr int kProbeTimeoutMs = 5'000;
+
+// Runs one job to its end, or until the timeout; false when it timed out. The job
+// is owned by the caller and never auto-deleted, so its results can be read after
+// the local loop has returned.
+bool runToCompletion(QKeychain::Job& job, int timeoutMs = kJobTimeoutMs)
 {
     QEventLoop loop;
-    QObject::connect(&job, &QKeychain::Job::finished, &loop, &QEventLoop::quit);
+    bool finished = false;
+    QObject::connect(&job, &QKeychain::Job::finished, &loop, [&] {
+        finished = true;
+        loop.quit();
+    });
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
     job.setAutoDelete(false);
     job.start();
-    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    if (!finished)
+        loop.exec(QEventLoop::ExcludeUserInputEvents);
+    return finished;
 }
 
 } // namespace
@@ -33,7 +48,8 @@ SecretStore::Status KeyringSecretStore::copy(const QString& account, QByteArray&
 {
     QKeychain::ReadPasswordJob job(m_service);
     job.setKey(account);
-    runToCompletion(job);
+    if (!runToCompletion(job))
+        return Status::Unavailable;
     switch (job.error()) {
     case QKeychain::NoError:
         data = job.binaryData();
@@ -49,7 +65,10 @@ SecretStore::Status KeyringSecretStore::remove(const QString& account)
 {
     QKeychain::DeletePasswordJob job(m_service);
     job.setKey(account);
-    runToCompletion(job);
+    if (!runToCompletion(job))
+        return Status::Unavailable;
+    // The Secret Service reports success for a deletion that matched nothing, so a
+    // missing item usually comes back as Success here.
     switch (job.error()) {
     case QKeychain::NoError:
         return Status::Success;
@@ -67,7 +86,8 @@ SecretStore::Status KeyringSecretStore::add(const QString& account, const QByteA
     QKeychain::WritePasswordJob job(m_service);
     job.setKey(account);
     job.setBinaryData(data);
-    runToCompletion(job);
+    if (!runToCompletion(job))
+        return Status::Unavailable;
     return job.error() == QKeychain::NoError ? Status::Success : Status::Unavailable;
 }
 
@@ -90,6 +110,7 @@ bool KeyringSecretStore::isAvailable(const QString& service)
     // with an error other than "not found": such a keyring cannot hold tokens.
     QKeychain::ReadPasswordJob probe(service);
     probe.setKey(u"quillet.availability-probe"_s);
-    runToCompletion(probe);
+    if (!runToCompletion(probe, kProbeTimeoutMs))
+        return false;
     return probe.error() == QKeychain::EntryNotFound || probe.error() == QKeychain::NoError;
 }

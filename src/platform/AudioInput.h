@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QString>
+
+#include <QtGlobal>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <variant>
+
+// The native format of an audio source: samples per second and channels per frame.
+// Samples always arrive as 32-bit floats in [-1, 1], channels interleaved.
+struct AudioFormat {
+    double sampleRate = 0;
+    int channelCount = 0;
+    friend bool operator==(const AudioFormat&, const AudioFormat&) = default;
+};
+
+// One captured buffer: frameLength frames, each of the format's channelCount samples.
+struct AudioFrames {
+    std::span<const float> samples;
+    quint32 frameLength = 0;
+};
+
+// Why the sound system could not give us the microphone, in a sentence a user understands.
+struct AudioInputFailure {
+    QString description;
+};
+
+// The system's default microphone, as the sound server sees it when the input is
+// made. One object serves one capture: read the format, start, stop, destroy.
+class AudioInput {
+public:
+    // Called on the input's own thread, once per buffer, never twice at the same time.
+    using BufferHandler = std::function<void(const AudioFrames&)>;
+
+    virtual ~AudioInput() = default;
+
+    // The default source's own rate and channel count; a failure when there is no
+    // sound server or no input device.
+    virtual std::variant<AudioFormat, AudioInputFailure> inputFormat() = 0;
+    // Starts delivering buffers of framesPerBuffer frames in inputFormat() to handler.
+    virtual std::optional<AudioInputFailure> start(quint32 framesPerBuffer, BufferHandler handler) = 0;
+    // Ends delivery; on return the handler is neither running nor called again. Safe twice.
+    virtual void stop() = 0;
+};
+
+// The sound server's current default source; connection and start give up after
+// timeoutMs rather than wait for a server that never answers.
+std::unique_ptr<AudioInput> makeSystemAudioInput(int timeoutMs = 5000);

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "TextAccessibility.h"
+
+#include <memory>
+
+// The accessibility interface of the free desktops (AT-SPI, through libatspi).
+// "Trusted" means the accessibility bus answers and is enabled, as it is when
+// the user has assistive technologies turned on; applications expose nothing
+// otherwise. The focused element comes from the focus events applications send,
+// checked against the X11 focus, or else from a search of the focused
+// application's own windows; never from a walk of every application.
+class AtspiTextAccessibility final : public TextAccessibility {
+public:
+    AtspiTextAccessibility();
+    ~AtspiTextAccessibility() override;
+    AtspiTextAccessibility(const AtspiTextAccessibility&) = delete;
+    AtspiTextAccessibility& operator=(const AtspiTextAccessibility&) = delete;
+
+    bool isTrusted() override;
+    std::unique_ptr<AccessibleElement> focusedElement() override;
+
+    struct Connection;
+
+private:
+    std::unique_ptr<Connection> m_connection;
+};

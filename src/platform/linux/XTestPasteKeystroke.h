@@ -1,0 +1,17 @@
+#pragma once
+
+#include "PasteKeystroke.h"
+
+#include <QString>
+
+// Control+V (Control+Shift+V in a terminal emulator, where Control+V is a literal
+// character) sent through the XTest extension to whichever window has the focus.
+// Modifier keys the user still holds are released around the chord and pressed
+// again afterwards, so the application sees only the chord's own modifiers.
+class XTestPasteKeystroke final : public PasteKeystroke {
+public:
+    void post() override;
+
+    // Whether a window of this WM_CLASS is a terminal emulator, which pastes with Control+Shift+V.
+    static bool isTerminal(const QString& instanceName, const QString& className);
+};

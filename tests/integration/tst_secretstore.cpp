@@ -1,0 +1,172 @@
+#include "FileSecretStore.h"
+#include "KeychainHelper.h"
+#include "SecretStore.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QProcess>
+#include <QtTest>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+// The token store on the secret store this session really offers: run once with an
+// unlocked Secret Service (gnome-keyring) and once without any, where the private
+// file takes over. QUILLET_EXPECT_SECRET_BACKEND names the one expected.
+class TestSecretStore : public QObject {
+    Q_OBJECT
+
+    QString m_expected;
+
+    SecretStore& store() { return KeychainHelper::store(); }
+
+    void wipe()
+    {
+        for (const QString& key : { KeychainHelper::accessTokenKey, KeychainHelper::refreshTokenKey,
+                 KeychainHelper::legacyAccessTokenKey, KeychainHelper::legacyRefreshTokenKey })
+            store().remove(key);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_expected = qEnvironmentVariable("QUILLET_EXPECT_SECRET_BACKEND");
+        QVERIFY2(!m_expected.isEmpty(), "set QUILLET_EXPECT_SECRET_BACKEND to \"Secret Service\" or \"file\"");
+        KeychainHelper::setStore(nullptr); // the system's choice
+    }
+    void init() { wipe(); }
+    void cleanupTestCase() { wipe(); }
+
+    void theSessionsStoreIsChosen() { QCOMPARE(store().backendName(), m_expected); }
+
+    void copyRemoveAddSemantics()
+    {
+        QByteArray data;
+        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::NotFound);
+        const SecretStore::Status removedNothing = store().remove(u"quillet.access_token"_s);
+        QVERIFY(removedNothing == SecretStore::Status::NotFound || removedNothing == SecretStore::Status::Success);
+        QCOMPARE(store().add(u"quillet.access_token"_s, "abc"), SecretStore::Status::Success);
+        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::Success);
+        QCOMPARE(data, QByteArray("abc"));
+        QCOMPARE(store().remove(u"quillet.access_token"_s), SecretStore::Status::Success);
+        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::NotFound);
+    }
+
+    void itemsAreKeyedByAccountAlone()
+    {
+        KeychainHelper::save(u"quillet.access_token"_s, u"access"_s);
+        KeychainHelper::save(u"quillet.refresh_token"_s, u"refresh"_s);
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"access"_s));
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::optional<QString>(u"refresh"_s));
+    }
+
+    void saveReplacesAnExistingItem()
+    {
+        KeychainHelper::save(u"quillet.access_token"_s, u"first"_s);
+        KeychainHelper::save(u"quillet.access_token"_s, u"second"_s);
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"second"_s));
+    }
+
+    void utf8RoundTrip()
+    {
+        KeychainHelper::save(u"quillet.refresh_token"_s, u"tök€n-👋"_s);
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::optional<QString>(u"tök€n-👋"_s));
+    }
+
+    void clearTokensRemovesBoth()
+    {
+        KeychainHelper::save(u"quillet.access_token"_s, u"a"_s);
+        KeychainHelper::save(u"quillet.refresh_token"_s, u"r"_s);
+        KeychainHelper::clearTokens();
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::nullopt);
+    }
+
+    void migrationWithBothLegacyItems()
+    {
+        KeychainHelper::save(u"corvel.access_token"_s, u"legacy-a"_s);
+        KeychainHelper::save(u"corvel.refresh_token"_s, u"legacy-r"_s);
+        KeychainHelper::migrateIfNeeded();
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"legacy-a"_s));
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::optional<QString>(u"legacy-r"_s));
+        QCOMPARE(KeychainHelper::load(u"corvel.access_token"_s), std::nullopt);
+        QCOMPARE(KeychainHelper::load(u"corvel.refresh_token"_s), std::nullopt);
+    }
+
+    void migrationWithOnlyLegacyAccessChangesNothing()
+    {
+        KeychainHelper::save(u"corvel.access_token"_s, u"legacy-a"_s);
+        KeychainHelper::migrateIfNeeded();
+        QCOMPARE(KeychainHelper::load(u"corvel.access_token"_s), std::optional<QString>(u"legacy-a"_s));
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::nullopt);
+    }
+
+    void migrationWhenSignedInChangesNothing()
+    {
+        KeychainHelper::save(u"quillet.access_token"_s, u"current"_s);
+        KeychainHelper::save(u"corvel.access_token"_s, u"legacy-a"_s);
+        KeychainHelper::save(u"corvel.refresh_token"_s, u"legacy-r"_s);
+        KeychainHelper::migrateIfNeeded();
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"current"_s));
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::nullopt);
+        QCOMPARE(KeychainHelper::load(u"corvel.refresh_token"_s), std::optional<QString>(u"legacy-r"_s));
+    }
+
+    void secretsLiveOnlyWhereTheyShould()
+    {
+        const QString marker = u"token-marker-5d1c0e"_s;
+        KeychainHelper::save(u"quillet.access_token"_s, marker);
+        const QString fallback = FileSecretStore::defaultPath();
+        if (m_expected == u"file"_s) {
+            QVERIFY(QFileInfo::exists(fallback));
+            struct stat info { };
+            QCOMPARE(::stat(QFile::encodeName(fallback).constData(), &info), 0);
+            QCOMPARE(info.st_mode & 0777, 0600u);
+            QCOMPARE(::stat(QFile::encodeName(QFileInfo(fallback).absolutePath()).constData(), &info), 0);
+            QCOMPARE(info.st_mode & 0777, 0700u);
+        } else {
+            // The Secret Service holds it: the fallback file is never written.
+            QVERIFY(!QFileInfo::exists(fallback));
+            QProcess lookup;
+            lookup.start(u"secret-tool"_s, { u"search"_s, u"--all"_s, u"user"_s, u"quillet.access_token"_s });
+            QVERIFY(lookup.waitForFinished(10000));
+            QVERIFY2(lookup.readAllStandardOutput().contains("label"), "no Secret Service item for the access token");
+        }
+        // No plain copy in the user's settings or anywhere else in the configuration folders.
+        for (const QString& dir : { qEnvironmentVariable("XDG_CONFIG_HOME"), qEnvironmentVariable("XDG_CACHE_HOME") }) {
+            if (dir.isEmpty())
+                continue;
+            QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
+            while (it.hasNext()) {
+                QFile file(it.next());
+                QVERIFY(file.open(QIODevice::ReadOnly));
+                QVERIFY2(!file.readAll().contains(marker.toUtf8()), qPrintable(file.fileName()));
+            }
+        }
+    }
+
+    void unreadableFallbackFileCountsAsMissing()
+    {
+        if (m_expected != u"file"_s)
+            QSKIP("only the file store has a file to damage");
+        KeychainHelper::save(u"quillet.access_token"_s, u"a"_s);
+        {
+            QFile file(FileSecretStore::defaultPath());
+            QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            file.write("{ damaged");
+        }
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
+        // Writes fail silently rather than throwing the damaged file away.
+        KeychainHelper::save(u"quillet.access_token"_s, u"b"_s);
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
+        QFile::remove(FileSecretStore::defaultPath());
+        KeychainHelper::save(u"quillet.access_token"_s, u"c"_s);
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"c"_s));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSecretStore)
+#include "tst_secretstore.moc"
