@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+
+// One line on standard output per event: a symbol, the program tag and the message.
+// Nothing here may ever receive a token: callers log subjects, counts and codes only.
+namespace Log {
+
+enum class Kind {
+    Info,       // "•"  configuration and start-up facts
+    Success,    // "✅" something finished well
+    Failure,    // "✗"  something failed
+    Warning,    // "⚠️" something odd that the server survived
+    Connection, // "🔌" a stream opened or closed
+    Audio,      // "🎤" speech engine events
+    End,        // "🏁" a transcript ended
+    Refresh,    // "🔄" a refresh token was rotated
+    Key,        // "🔑" sign-in, sign-out, token checks
+    Text,       // "📝" clean-up and rewrite
+};
+
+void line(Kind kind, const QString& message);
+
+} // namespace Log

@@ -1,0 +1,215 @@
+#include "Options.h"
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QFile>
+#include <QStandardPaths>
+
+#include <pwd.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace {
+
+QString defaultDataDir(const QProcessEnvironment& environment)
+{
+    const QString xdg = environment.value(u"XDG_DATA_HOME"_s);
+    if (!xdg.isEmpty() && QDir::isAbsolutePath(xdg))
+        return xdg + u"/quillet-server"_s;
+    return QDir::homePath() + u"/.local/share/quillet-server"_s;
+}
+
+QString defaultAccountName(const QProcessEnvironment& environment)
+{
+    if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_name && *entry->pw_name)
+        return QString::fromLocal8Bit(entry->pw_name);
+    const QString user = environment.value(u"USER"_s);
+    return user.isEmpty() ? u"local"_s : user;
+}
+
+bool readInt(const QCommandLineParser& parser, const QCommandLineOption& option, qint64 min, qint64 max,
+             qint64* out, QString* error)
+{
+    if (!parser.isSet(option))
+        return true;
+    bool ok = false;
+    const qint64 value = parser.value(option).toLongLong(&ok);
+    if (!ok || value < min || value > max) {
+        *error = u"--%1 needs a whole number from %2 to %3"_s.arg(option.names().constFirst()).arg(min).arg(max);
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+} // namespace
+
+ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    ParsedOptions result;
+    ServerOptions& o = result.options;
+    const PocketSphinxModel model = PocketSphinxModel::debianDefault();
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        u"Quillet's local backend: streaming transcription with PocketSphinx, clean-up and rewrite, "
+        "sign-in pages and tokens. With no options it serves the addresses the Quillet client expects: "
+        "the API on http://127.0.0.1:8000 and the web site on http://127.0.0.1:3000."_s);
+    const QCommandLineOption help({u"h"_s, u"help"_s}, u"Show this help and exit."_s);
+    const QCommandLineOption version(u"version"_s, u"Show the version and exit."_s);
+    const QCommandLineOption bind(u"bind"_s, u"Address to listen on (default 127.0.0.1)."_s, u"address"_s);
+    const QCommandLineOption allowRemote(
+        u"allow-non-loopback"_s,
+        u"Allow --bind to name an address other machines can reach. The sign-in page signs in whoever "
+        "reaches it, so only do this behind something that authenticates users."_s);
+    const QCommandLineOption apiPort(u"api-port"_s, u"Port of the API and the WebSocket (default 8000; 0 picks one)."_s,
+                                     u"port"_s);
+    const QCommandLineOption sitePort(u"site-port"_s, u"Port of the web site (default 3000; 0 picks one)."_s,
+                                      u"port"_s);
+    const QCommandLineOption dataDir(
+        u"data-dir"_s, u"Directory of the database and the signing key (default $XDG_DATA_HOME/quillet-server)."_s,
+        u"dir"_s);
+    const QCommandLineOption account(u"account-name"_s, u"Name of the local account (default: your user name)."_s,
+                                     u"name"_s);
+    const QCommandLineOption speech(u"speech-engine"_s, u"Speech engine: pocketsphinx (default)."_s, u"name"_s);
+    const QCommandLineOption hmm(u"hmm"_s, u"PocketSphinx acoustic model directory (default %1)."_s.arg(model.acousticModel),
+                                 u"dir"_s);
+    const QCommandLineOption lm(u"lm"_s, u"PocketSphinx language model (default %1)."_s.arg(model.languageModel),
+                                u"file"_s);
+    const QCommandLineOption dict(u"dict"_s, u"PocketSphinx pronunciation dictionary (default %1)."_s.arg(model.dictionary),
+                                  u"file"_s);
+    const QCommandLineOption threads(u"decoder-threads"_s, u"Threads that decode speech (default: one per core)."_s,
+                                     u"n"_s);
+    const QCommandLineOption maxStreams(u"max-streams"_s,
+                                        u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
+    const QCommandLineOption maxConnections(u"max-connections"_s,
+                                            u"Open WebSocket connections, signed in or not (default 64)."_s, u"n"_s);
+    const QCommandLineOption maxSeconds(u"max-stream-seconds"_s, u"Longest dictation in seconds of audio (default 300)."_s,
+                                        u"seconds"_s);
+    const QCommandLineOption authTimeout(u"auth-timeout"_s,
+                                         u"Seconds a new stream has to send its sign-in (default 10)."_s, u"seconds"_s);
+    const QCommandLineOption idleTimeout(u"idle-timeout"_s,
+                                         u"Seconds a signed-in stream may stay silent (default 30)."_s, u"seconds"_s);
+    const QCommandLineOption accessLifetime(u"access-token-lifetime"_s,
+                                            u"Lifetime of access tokens in seconds (default 900)."_s, u"seconds"_s);
+    const QCommandLineOption refreshLifetime(u"refresh-token-lifetime"_s,
+                                             u"Lifetime of refresh tokens in days (default 30)."_s, u"days"_s);
+    const QCommandLineOption text(u"text-engine"_s,
+                                  u"Clean-up and rewrite engine: rules (default) or chat (needs --chat-url)."_s,
+                                  u"name"_s);
+    const QCommandLineOption chatUrl(u"chat-url"_s,
+                                     u"OpenAI-compatible endpoint, e.g. http://127.0.0.1:8080/v1; implies --text-engine chat."_s,
+                                     u"url"_s);
+    const QCommandLineOption chatModel(u"chat-model"_s, u"Model name sent to the chat endpoint."_s, u"name"_s);
+    const QCommandLineOption chatKeyFile(
+        u"chat-key-file"_s, u"File holding the chat endpoint's API key (or set QUILLET_CHAT_API_KEY)."_s, u"file"_s);
+    parser.addOptions({help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
+                       threads, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
+                       refreshLifetime, text, chatUrl, chatModel, chatKeyFile});
+
+    auto fail = [&result](const QString& message) {
+        result.action = ParsedOptions::Action::Fail;
+        result.text = message;
+        return result;
+    };
+
+    if (!parser.parse(arguments))
+        return fail(parser.errorText());
+    if (!parser.positionalArguments().isEmpty())
+        return fail(u"unexpected argument: %1"_s.arg(parser.positionalArguments().constFirst()));
+    if (parser.isSet(help)) {
+        result.action = ParsedOptions::Action::ShowText;
+        result.text = parser.helpText();
+        return result;
+    }
+    if (parser.isSet(version)) {
+        result.action = ParsedOptions::Action::ShowText;
+        result.text = u"quillet-server %1\n"_s.arg(QStringLiteral(QUILLET_SERVER_VERSION));
+        return result;
+    }
+
+    if (parser.isSet(bind)) {
+        if (!o.bindAddress.setAddress(parser.value(bind)))
+            return fail(u"--bind needs an IP address, not \"%1\""_s.arg(parser.value(bind)));
+        if (!o.bindAddress.isLoopback() && !parser.isSet(allowRemote))
+            return fail(u"--bind %1 would let other machines sign in as you; add --allow-non-loopback if that is "
+                        "really meant"_s.arg(parser.value(bind)));
+    }
+
+    QString error;
+    qint64 value = o.apiPort;
+    if (!readInt(parser, apiPort, 0, 65535, &value, &error))
+        return fail(error);
+    o.apiPort = quint16(value);
+    value = o.sitePort;
+    if (!readInt(parser, sitePort, 0, 65535, &value, &error))
+        return fail(error);
+    o.sitePort = quint16(value);
+
+    o.dataDir = parser.isSet(dataDir) ? parser.value(dataDir) : defaultDataDir(environment);
+    o.accountName = parser.isSet(account) ? parser.value(account) : defaultAccountName(environment);
+    if (o.accountName.trimmed().isEmpty())
+        return fail(u"--account-name may not be empty"_s);
+
+    if (parser.isSet(speech)) {
+        o.speechEngine = parser.value(speech);
+        if (o.speechEngine != u"pocketsphinx"_s)
+            return fail(u"unknown speech engine \"%1\" (available: pocketsphinx)"_s.arg(o.speechEngine));
+    }
+    if (parser.isSet(hmm))
+        o.model.acousticModel = parser.value(hmm);
+    if (parser.isSet(lm))
+        o.model.languageModel = parser.value(lm);
+    if (parser.isSet(dict))
+        o.model.dictionary = parser.value(dict);
+
+    value = o.decoderThreads;
+    if (!readInt(parser, threads, 0, 256, &value, &error))
+        return fail(error);
+    o.decoderThreads = int(value);
+    value = o.limits.maxStreams;
+    if (!readInt(parser, maxStreams, 1, 1024, &value, &error))
+        return fail(error);
+    o.limits.maxStreams = int(value);
+    value = o.maxConnections;
+    if (!readInt(parser, maxConnections, 1, 100000, &value, &error))
+        return fail(error);
+    o.maxConnections = int(value);
+    if (!readInt(parser, maxSeconds, 1, 24 * 3600, &o.limits.maxStreamSeconds, &error))
+        return fail(error);
+    value = o.limits.authTimeoutMs / 1000;
+    if (!readInt(parser, authTimeout, 1, 3600, &value, &error))
+        return fail(error);
+    o.limits.authTimeoutMs = int(value * 1000);
+    value = o.limits.idleTimeoutMs / 1000;
+    if (!readInt(parser, idleTimeout, 1, 3600, &value, &error))
+        return fail(error);
+    o.limits.idleTimeoutMs = int(value * 1000);
+    if (!readInt(parser, accessLifetime, 1, 30LL * 24 * 3600, &o.accessTokenSeconds, &error))
+        return fail(error);
+    if (!readInt(parser, refreshLifetime, 1, 3650, &o.refreshTokenDays, &error))
+        return fail(error);
+
+    if (parser.isSet(text))
+        o.textEngine = parser.value(text);
+    else if (parser.isSet(chatUrl))
+        o.textEngine = u"chat"_s;
+    if (o.textEngine != u"rules"_s && o.textEngine != u"chat"_s)
+        return fail(u"unknown text engine \"%1\" (available: rules, chat)"_s.arg(o.textEngine));
+    if (o.textEngine == u"chat"_s) {
+        o.chat.url = QUrl(parser.value(chatUrl));
+        if (!parser.isSet(chatUrl) || !o.chat.url.isValid()
+            || (o.chat.url.scheme() != u"http"_s && o.chat.url.scheme() != u"https"_s))
+            return fail(u"--text-engine chat needs --chat-url with an http or https address"_s);
+        o.chat.model = parser.isSet(chatModel) ? parser.value(chatModel) : u"default"_s;
+        o.chat.apiKey = environment.value(u"QUILLET_CHAT_API_KEY"_s);
+        if (parser.isSet(chatKeyFile)) {
+            QFile file(parser.value(chatKeyFile));
+            if (!file.open(QIODevice::ReadOnly))
+                return fail(u"cannot read --chat-key-file %1: %2"_s.arg(file.fileName(), file.errorString()));
+            o.chat.apiKey = QString::fromUtf8(file.readAll()).trimmed();
+        }
+    }
+    return result;
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QHttpServer>
+#include <QObject>
+
+class AuthService;
+
+// The web site: a sign-in page whose button hands fresh tokens to the desktop client
+// through its quillet://auth deep link, and an account page that can sign out everywhere.
+// Plain HTML forms, no JavaScript.
+class SiteServer final : public QObject {
+    Q_OBJECT
+public:
+    SiteServer(AuthService& auth, QString accountName, const QHostAddress& bindAddress, QObject* parent = nullptr);
+
+    quint16 listen(const QHostAddress& address, quint16 port);
+
+    static QString deepLink(const QString& accessToken, const QString& refreshToken);
+
+private:
+    void addRoutes();
+    bool trustedRequest(const QHttpServerRequest& request, bool isPost) const;
+    QHttpServerResponse signInPage(const QHttpServerRequest& request);
+    QHttpServerResponse signIn(const QHttpServerRequest& request);
+    QHttpServerResponse accountPage(const QHttpServerRequest& request);
+    QHttpServerResponse signOutEverywhere(const QHttpServerRequest& request);
+
+    AuthService& m_auth;
+    QString m_accountName;
+    QStringList m_allowedHosts;
+    QHttpServer m_http;
+};

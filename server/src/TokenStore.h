@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QString>
+
+#include <optional>
+
+// Accounts and refresh tokens in SQLite. Refresh tokens are kept only as SHA-256 hashes;
+// every refresh rotates the token, and presenting a token that was already rotated
+// revokes its whole family (the chain of tokens that came from one sign-in).
+//
+// Everything lives in the database and nothing in memory, so several server processes
+// can share one database file (WAL mode, busy timeout) and any of them can answer.
+class TokenStore {
+public:
+    struct Account {
+        qint64 id = 0;
+        QString name;
+        qint64 generation = 0; // bumped by "sign out everywhere"
+    };
+
+    enum class Outcome { Rotated, Unknown, Expired, Revoked, Reused, Failed };
+    struct Rotation {
+        Outcome outcome = Outcome::Failed;
+        Account account;
+        QString refreshToken; // the new token, only when rotated
+    };
+
+    TokenStore();
+    ~TokenStore();
+    TokenStore(const TokenStore&) = delete;
+    TokenStore& operator=(const TokenStore&) = delete;
+
+    bool open(const QString& path, QString* error);
+
+    std::optional<Account> ensureAccount(const QString& name);
+    std::optional<Account> accountByName(const QString& name);
+
+    // A new family with its first token; returns the token, or nothing on failure.
+    std::optional<QString> startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds);
+    Rotation rotate(const QString& presented, qint64 now, qint64 lifetimeSeconds);
+    // Revokes every refresh token of the account and retires its live access tokens.
+    // Returns how many sign-ins were still active, or -1 on failure.
+    int signOutEverywhere(qint64 accountId, qint64 now);
+    int activeSignIns(qint64 accountId, qint64 now);
+
+    static QString hashToken(const QString& token);
+    static QString newOpaqueToken();
+
+private:
+    QString m_connection;
+};
