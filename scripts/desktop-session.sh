@@ -46,19 +46,19 @@ if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
   trap cleanup EXIT
   trap 'exit 130' INT TERM
 
-  # Pick a free display and wait until the server accepts clients.
-  display=""
-  for n in $(seq 90 200); do
-    if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ]; then display=":$n"; break; fi
-  done
-  [ -n "$display" ] || { echo "desktop-session: no free X display" >&2; exit 1; }
-  Xvfb "$display" -screen 0 1920x1080x24 -nolisten tcp -ac +extension XInputExtension +extension XTEST >"$root/xvfb.log" 2>&1 &
+  # Let the X server pick a free display itself (-displayfd), so sessions started
+  # side by side never race for the same number; it writes the number once it
+  # accepts clients.
+  Xvfb -displayfd 3 -screen 0 1920x1080x24 -nolisten tcp -ac +extension XInputExtension +extension XTEST \
+    3>"$root/display" >"$root/xvfb.log" 2>&1 &
   xvfb_pid=$!
-  for _ in $(seq 1 100); do
-    [ -e "/tmp/.X11-unix/X${display#:}" ] && break
-    kill -0 "$xvfb_pid" 2>/dev/null || { cat "$root/xvfb.log" >&2; exit 1; }
+  display=""
+  for _ in $(seq 1 200); do
+    if [ -s "$root/display" ]; then display=":$(tr -d '[:space:]' <"$root/display")"; break; fi
+    kill -0 "$xvfb_pid" 2>/dev/null || { echo "desktop-session: Xvfb failed:" >&2; cat "$root/xvfb.log" >&2; exit 1; }
     sleep 0.05
   done
+  [ -n "$display" ] || { echo "desktop-session: Xvfb did not come up" >&2; exit 1; }
 
   # Without a keyring the bus must not start one on demand either: its only
   # service folder is empty, which is what a bare window-manager session without

@@ -1,0 +1,95 @@
+#pragma once
+
+#include "AudioInput.h"
+#include "Pcm16Buffer.h"
+
+#include <QString>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+// What the capture reports to its owner. Both calls come from the audio thread, one
+// per captured buffer; a delegate hands its work to its own thread and never waits
+// there for the main thread (stop() on the main thread waits for a call under way).
+class AudioCaptureDelegate {
+public:
+    virtual ~AudioCaptureDelegate() = default;
+    // One converted buffer: 16 kHz, one channel, signed 16-bit.
+    virtual void audioCaptureDidReceive(Pcm16Buffer pcmBuffer) = 0;
+    // One buffer could not be converted; the error is the converter's. Capture goes on.
+    virtual void audioCaptureDidFail(const QString& error) = 0;
+};
+
+// The failure of start() that the capture itself names, with its fixed sentence.
+class CaptureError {
+public:
+    enum Case { converterFailed };
+
+    explicit CaptureError(Case value)
+        : m_case(value)
+    {
+    }
+    Case value() const { return m_case; }
+    QString errorDescription() const;
+    friend bool operator==(CaptureError, CaptureError) = default;
+
+private:
+    Case m_case;
+};
+
+// Why start() failed: a CaptureError, or the sound system's own failure in words.
+// description is what the user is shown in both cases.
+struct CaptureStartFailure {
+    std::optional<CaptureError> error;
+    QString description;
+};
+
+// Takes the system's default microphone while the hold-to-talk key is down and hands
+// it on in the transcription format, one converted buffer per 4,096 captured frames.
+// start() and stop() belong to the main thread; conversion and the delegate calls
+// happen on the audio input's thread. One manager per dictation.
+class AudioCaptureManager {
+public:
+    using InputFactory = std::function<std::unique_ptr<AudioInput>()>;
+
+    static constexpr quint32 framesPerBuffer = 4096;
+
+    // Captures from the sound server's default source.
+    AudioCaptureManager();
+    // Captures from whatever makeInput returns on each start().
+    explicit AudioCaptureManager(InputFactory makeInput);
+    ~AudioCaptureManager();
+    AudioCaptureManager(const AudioCaptureManager&) = delete;
+    AudioCaptureManager& operator=(const AudioCaptureManager&) = delete;
+
+    // Held weakly: once its last owner lets go, buffers are converted and dropped.
+    // Should that happen while a call is under way, the delegate dies on the audio
+    // thread when the call returns; owners that mind stop the capture first.
+    void setDelegate(std::weak_ptr<AudioCaptureDelegate> delegate);
+
+    // Opens the default input and starts capturing; nothing on success.
+    std::optional<CaptureStartFailure> start();
+    // Ends capturing; no delegate call is made once it returns. Safe at any time.
+    void stop();
+
+    // True from a successful start() until stop().
+    bool isRunning() const { return m_running; }
+    // The captured format from the last start() that got that far.
+    std::optional<AudioFormat> inputFormat() const { return m_inputFormat; }
+
+private:
+    struct Tap;
+
+    InputFactory m_makeInput;
+    std::unique_ptr<AudioInput> m_engine;
+    std::shared_ptr<Tap> m_tap;
+    std::optional<AudioFormat> m_inputFormat;
+    bool m_running = false;
+
+    // Written on the main thread, read once per buffer on the audio thread.
+    mutable std::mutex m_delegateMutex;
+    std::weak_ptr<AudioCaptureDelegate> m_delegate;
+};
