@@ -57,12 +57,13 @@ BENCHMARK(BM_HandlePartial)->Unit(benchmark::kMicrosecond);
 void BM_IsExpiringSoon(benchmark::State& state)
 {
     const qint64 exp = QDateTime::currentSecsSinceEpoch() + 900;
-    const QByteArray payload = QJsonDocument(QJsonObject{{u"sub"_s, u"a3f0c2d4-user"_s}, {u"exp"_s, exp},
-                                                         {u"iat"_s, exp - 900}, {u"type"_s, u"access"_s}})
-                                   .toJson(QJsonDocument::Compact);
+    const QByteArray payload = QJsonDocument(
+        QJsonObject { { u"sub"_s, u"a3f0c2d4-user"_s }, { u"exp"_s, exp }, { u"iat"_s, exp - 900 },
+            { u"type"_s,
+                u"access"_s } }).toJson(QJsonDocument::Compact);
     const QString token = u"eyJhbGciOiJIUzI1NiIsInR5cCI6IkpXVCJ9."_s
-                        + QString::fromLatin1(payload.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals))
-                        + u".c2lnbmF0dXJlLXNpZ25hdHVyZS1zaWduYXR1cmUtc2lnbmF0dXJl"_s;
+        + QString::fromLatin1(payload.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals))
+        + u".c2lnbmF0dXJlLXNpZ25hdHVyZS1zaWduYXR1cmUtc2lnbmF0dXJl"_s;
     bool expiring = true;
     for (auto _ : state) {
         expiring = KeychainHelper::isExpiringSoon(token);

@@ -11,7 +11,8 @@
 
 // The user's preferences, persisted the moment they change. Every assignment,
 // even of an equal value, is written and announced.
-class SettingsStore : public QObject {
+class SettingsStore : public QObject
+{
     Q_OBJECT
     Q_PROPERTY(HotkeyChoice::Hotkey hotkey READ hotkey WRITE setHotkey NOTIFY hotkeyChanged)
     Q_PROPERTY(QString micDeviceUID READ micDeviceUID WRITE setMicDeviceUID NOTIFY micDeviceUIDChanged)

@@ -40,8 +40,7 @@ QString TranscriptionError::errorDescription() const
 
 TranscriptionService::TranscriptionService(QObject* parent)
     : QObject(parent)
-{
-}
+{ }
 
 TranscriptionService::~TranscriptionService()
 {

@@ -13,7 +13,8 @@
 #include <QWebSocket>
 
 // What the stream reports to its owner, on the main thread.
-class TranscriptionDelegate {
+class TranscriptionDelegate
+{
 public:
     virtual ~TranscriptionDelegate() = default;
     virtual void transcriptionDidReceivePartial(const QString& text) = 0;
@@ -23,14 +24,14 @@ public:
 };
 
 // The failures a dictation shows the user, each with its fixed sentence.
-class TranscriptionError {
+class TranscriptionError
+{
 public:
     enum Case { notSignedIn, connectionTimeout };
 
     explicit TranscriptionError(Case value)
         : m_case(value)
-    {
-    }
+    { }
     Case value() const { return m_case; }
     QString errorDescription() const;
     friend bool operator==(TranscriptionError, TranscriptionError) = default;
@@ -49,7 +50,8 @@ struct StreamConnectFailure {
 // messages, a stop message, and the server's partial/final/error messages turned
 // into delegate calls. The server closing the socket ends the transcript.
 // Lives on the main thread; one instance per dictation, never reused.
-class TranscriptionService : public QObject {
+class TranscriptionService : public QObject
+{
     Q_OBJECT
 public:
     explicit TranscriptionService(QObject* parent = nullptr);

@@ -8,7 +8,8 @@
 
 // The system's store of secrets, reduced to what the token store needs:
 // generic-password items identified by an account name alone.
-class SecretStore {
+class SecretStore
+{
 public:
     enum class Status { Success, NotFound, Duplicate, Unavailable };
 

@@ -3,7 +3,8 @@
 #include <QObject>
 
 // Process-wide announcements about the user's credentials.
-class AuthNotifier : public QObject {
+class AuthNotifier : public QObject
+{
     Q_OBJECT
 public:
     static AuthNotifier& instance();

@@ -13,7 +13,8 @@ class SecretStore;
 
 // The only owner of the user's two credentials: reads, writes, renews and forgets
 // them in the system's secret store. Holds nothing in memory between calls.
-class KeychainHelper {
+class KeychainHelper
+{
 public:
     static const QString accessTokenKey; // "quillet.access_token"
     static const QString refreshTokenKey; // "quillet.refresh_token"

@@ -15,7 +15,8 @@ using namespace Qt::StringLiterals;
 // The token store on the secret store this session really offers: run once with an
 // unlocked Secret Service (gnome-keyring) and once without any, where the private
 // file takes over. QUILLET_EXPECT_SECRET_BACKEND names the one expected.
-class TestSecretStore : public QObject {
+class TestSecretStore : public QObject
+{
     Q_OBJECT
 
     QString m_expected;
@@ -122,7 +123,8 @@ private Q_SLOTS:
         const QString fallback = FileSecretStore::defaultPath();
         if (m_expected == u"file"_s) {
             QVERIFY(QFileInfo::exists(fallback));
-            struct stat info { };
+            struct stat info {
+            };
             QCOMPARE(::stat(QFile::encodeName(fallback).constData(), &info), 0);
             QCOMPARE(info.st_mode & 0777, 0600u);
             QCOMPARE(::stat(QFile::encodeName(QFileInfo(fallback).absolutePath()).constData(), &info), 0);

@@ -18,7 +18,8 @@ using namespace Qt::StringLiterals;
 
 // Token renewal against a real HTTP server on loopback, with the tokens kept in
 // the real file store in a private folder.
-class TestTokenRefresh : public QObject {
+class TestTokenRefresh : public QObject
+{
     Q_OBJECT
 
     std::unique_ptr<QTemporaryDir> m_dir;

@@ -27,7 +27,8 @@ QByteArray j(const char* singleQuoted)
 } // namespace
 
 // Records every call the stream makes on its delegate.
-class RecordingDelegate : public QObject, public TranscriptionDelegate {
+class RecordingDelegate : public QObject, public TranscriptionDelegate
+{
     Q_OBJECT
 public:
     QStringList calls;
@@ -50,7 +51,8 @@ Q_SIGNALS:
 };
 
 // The stream client against a real WebSocket server on loopback, scripted per case.
-class TestTranscriptionService : public QObject {
+class TestTranscriptionService : public QObject
+{
     Q_OBJECT
 
     std::unique_ptr<ScriptedStreamServer> m_server;

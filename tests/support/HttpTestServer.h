@@ -26,7 +26,8 @@ struct HttpTestReply {
 
 // A small real HTTP/1.1 server on loopback, answering each request with whatever the
 // test's handler says, recording every request it received.
-class HttpTestServer : public QObject {
+class HttpTestServer : public QObject
+{
     Q_OBJECT
 public:
     using Handler = std::function<HttpTestReply(const HttpTestRequest&)>;

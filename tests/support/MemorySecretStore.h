@@ -6,7 +6,8 @@
 #include <QStringList>
 
 // A secret store in memory that records every call ("copy:acct", "remove:acct", "add:acct").
-class MemorySecretStore final : public SecretStore {
+class MemorySecretStore final : public SecretStore
+{
 public:
     Status copy(const QString& account, QByteArray& data) override
     {

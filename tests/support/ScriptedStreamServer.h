@@ -19,11 +19,11 @@ public:
         QByteArray data;
         int closeCode = 1000;
     };
-    static Step text(const QByteArray& json) { return {Step::Text, json}; }
-    static Step binary(const QByteArray& json) { return {Step::Binary, json}; }
-    static Step close(int code = 1000) { return {Step::Close, {}, code}; }
+    static Step text(const QByteArray& json) { return { Step::Text, json }; }
+    static Step binary(const QByteArray& json) { return { Step::Binary, json }; }
+    static Step close(int code = 1000) { return { Step::Close, {}, code }; }
     // Stop the script here until the client sends {"type":"stop"}.
-    static Step waitForStop() { return {Step::Wait, {}}; }
+    static Step waitForStop() { return { Step::Wait, {} }; }
 
     explicit ScriptedStreamServer(QObject* parent = nullptr);
 
@@ -39,7 +39,7 @@ public:
     QString requestPath;
     QList<QByteArray> received; // text frames as UTF-8, in arrival order
     int binaryFramesReceived = 0;
-    int clientCloseCode = -1;   // the close code the client sent, when it closed
+    int clientCloseCode = -1; // the close code the client sent, when it closed
     bool clientDisconnected = false;
 
 Q_SIGNALS:

@@ -7,7 +7,8 @@
 
 // Sends everything written to standard output (file descriptor 1) into a file
 // until take() or destruction, so a test can read exactly what a user would see.
-class StdoutCapture {
+class StdoutCapture
+{
 public:
     StdoutCapture();
     ~StdoutCapture();

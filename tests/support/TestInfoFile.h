@@ -8,7 +8,8 @@
 
 // Writes an information file for the duration of a test and points the
 // configuration at it; restores the normal lookup afterwards.
-class TestInfoFile {
+class TestInfoFile
+{
 public:
     explicit TestInfoFile(const QJsonObject& info)
     {

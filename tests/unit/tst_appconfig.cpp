@@ -5,7 +5,8 @@
 
 using namespace Qt::StringLiterals;
 
-class TestAppConfig : public QObject {
+class TestAppConfig : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void missingFileGivesLoopbackDefaults()

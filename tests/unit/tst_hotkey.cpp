@@ -5,7 +5,8 @@
 
 using namespace Qt::StringLiterals;
 
-class TestHotkey : public QObject {
+class TestHotkey : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void allCasesInPickerOrder()

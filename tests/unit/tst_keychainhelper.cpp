@@ -9,7 +9,8 @@ using namespace Qt::StringLiterals;
 // The token store's own logic over a recording fake of the secret store. The same
 // behaviour against the real Secret Service and the file store is checked by the
 // integration tests.
-class TestKeychainHelper : public QObject {
+class TestKeychainHelper : public QObject
+{
     Q_OBJECT
 
     MemorySecretStore* m_store = nullptr;

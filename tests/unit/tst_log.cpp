@@ -7,7 +7,8 @@
 
 using namespace Qt::StringLiterals;
 
-class TestLog : public QObject {
+class TestLog : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase() { Log::makeStdoutUnbuffered(); }

@@ -6,7 +6,8 @@
 
 using namespace Qt::StringLiterals;
 
-class TestSettingsStore : public QObject {
+class TestSettingsStore : public QObject
+{
     Q_OBJECT
 
     QTemporaryDir m_dir;

@@ -53,8 +53,7 @@ bool writeItems(const QString& path, const QJsonObject& items)
 
 FileSecretStore::FileSecretStore(QString path)
     : m_path(std::move(path))
-{
-}
+{ }
 
 SecretStore::Status FileSecretStore::copy(const QString& account, QByteArray& data)
 {

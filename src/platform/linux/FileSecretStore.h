@@ -5,7 +5,8 @@
 // Items kept in one JSON file readable and writable by the user alone (mode 0600),
 // for sessions without a Secret Service (a bare window manager). Every call reads
 // or rewrites the file, so there is no state in memory.
-class FileSecretStore final : public SecretStore {
+class FileSecretStore final : public SecretStore
+{
 public:
     explicit FileSecretStore(QString path);
 

@@ -41,8 +41,7 @@ bool runToCompletion(QKeychain::Job& job, int timeoutMs = kJobTimeoutMs)
 
 KeyringSecretStore::KeyringSecretStore(QString service)
     : m_service(std::move(service))
-{
-}
+{ }
 
 SecretStore::Status KeyringSecretStore::copy(const QString& account, QByteArray& data)
 {

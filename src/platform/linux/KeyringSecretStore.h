@@ -5,7 +5,8 @@
 // Items in the desktop keyring over the freedesktop Secret Service (through QtKeychain).
 // QtKeychain's jobs are asynchronous; each call here waits for its job in a local
 // event loop so the store keeps the synchronous contract of SecretStore.
-class KeyringSecretStore final : public SecretStore {
+class KeyringSecretStore final : public SecretStore
+{
 public:
     explicit KeyringSecretStore(QString service);
 
