@@ -3,7 +3,8 @@
 #include <memory>
 
 // The synthetic key press that makes the focused application paste its clipboard.
-class PasteKeystroke {
+class PasteKeystroke
+{
 public:
     virtual ~PasteKeystroke() = default;
 

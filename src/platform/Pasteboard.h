@@ -7,7 +7,8 @@
 #include <optional>
 
 // The desktop's clipboard, reduced to plain text.
-class Pasteboard {
+class Pasteboard
+{
 public:
     virtual ~Pasteboard() = default;
 

@@ -29,7 +29,8 @@ struct SelectionRead {
 
 // One element of another application's user interface, as the accessibility
 // interface shows it. Each call asks the application afresh.
-class AccessibleElement {
+class AccessibleElement
+{
 public:
     virtual ~AccessibleElement() = default;
 
@@ -46,7 +47,8 @@ public:
 };
 
 // The platform's accessibility interface, reduced to what text insertion needs.
-class TextAccessibility {
+class TextAccessibility
+{
 public:
     virtual ~TextAccessibility() = default;
 

@@ -10,7 +10,8 @@
 // otherwise. The focused element comes from the focus events applications send,
 // checked against the X11 focus, or else from a search of the focused
 // application's own windows; never from a walk of every application.
-class AtspiTextAccessibility final : public TextAccessibility {
+class AtspiTextAccessibility final : public TextAccessibility
+{
 public:
     AtspiTextAccessibility();
     ~AtspiTextAccessibility() override;

@@ -8,7 +8,8 @@
 // character) sent through the XTest extension to whichever window has the focus.
 // Modifier keys the user still holds are released around the chord and pressed
 // again afterwards, so the application sees only the chord's own modifiers.
-class XTestPasteKeystroke final : public PasteKeystroke {
+class XTestPasteKeystroke final : public PasteKeystroke
+{
 public:
     void post() override;
 

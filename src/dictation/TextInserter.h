@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringView>
+
+#include <chrono>
+
+class PasteKeystroke;
+class Pasteboard;
+class TextAccessibility;
+struct TextRange;
+
+// Puts the final text of a dictation at the text cursor of whichever application
+// has the keyboard focus: first by editing the focused element through the
+// accessibility interface, else through the clipboard and a synthetic paste,
+// giving the clipboard its previous plain text back a moment later.
+// Keeps nothing between calls; it is a QObject only so that a pending clipboard
+// restore dies with it.
+class TextInserter : public QObject
+{
+    Q_OBJECT
+public:
+    // How long the pasted text stays on the clipboard before the previous text returns.
+    static constexpr std::chrono::milliseconds restoreDelay { 300 };
+
+    TextInserter(TextAccessibility& accessibility, Pasteboard& pasteboard, PasteKeystroke& pasteKeystroke,
+        QObject* parent = nullptr);
+
+    // The instance the dictation session uses, wired to the platform. Create it on
+    // the main thread of a running QGuiApplication.
+    static TextInserter& shared();
+
+    // Inserts the text; never fails visibly (its log lines are the only trace).
+    void insert(const QString& text);
+
+    // The number of user-perceived characters (grapheme clusters) in the text.
+    static qint64 characterCount(QStringView text);
+    // The text with the range (in Unicode characters, clamped to the text) replaced by the insertion.
+    static QString replaced(QStringView text, TextRange range, QStringView insertion);
+
+private:
+    bool tryAccessibilityInsert(const QString& text);
+    void clipboardPaste(const QString& text);
+    void simulatePaste();
+
+    TextAccessibility& m_accessibility;
+    Pasteboard& m_pasteboard;
+    PasteKeystroke& m_pasteKeystroke;
+};

@@ -1,0 +1,339 @@
+#include "AtspiTextAccessibility.h"
+
+#include "X11Focus.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
+
+#include <atspi/atspi.h>
+
+#include <memory>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct GObjectUnref {
+    void operator()(void* object) const { g_object_unref(object); }
+};
+template <typename T> using GPtr = std::unique_ptr<T, GObjectUnref>;
+
+struct GFree {
+    void operator()(void* memory) const { g_free(memory); }
+};
+template <typename T> using GMem = std::unique_ptr<T, GFree>;
+
+// True when the call behind this error failed; the error is released either way.
+bool failed(GError* error)
+{
+    if (!error)
+        return false;
+    g_error_free(error);
+    return true;
+}
+
+bool hasState(AtspiAccessible* accessible, AtspiStateType state)
+{
+    const GPtr<AtspiStateSet> states(atspi_accessible_get_state_set(accessible));
+    return states && atspi_state_set_contains(states.get(), state);
+}
+
+qint64 processId(AtspiAccessible* accessible)
+{
+    GError* error = nullptr;
+    const guint pid = atspi_accessible_get_process_id(accessible, &error);
+    return failed(error) ? 0 : static_cast<qint64>(pid);
+}
+
+// Depth-first search for the focused element below a window, with a budget so a
+// huge tree (a spreadsheet, a long list) cannot stall a dictation.
+AtspiAccessible* findFocused(AtspiAccessible* node, int& budget)
+{
+    if (--budget < 0)
+        return nullptr;
+    if (hasState(node, ATSPI_STATE_FOCUSED))
+        return static_cast<AtspiAccessible*>(g_object_ref(node));
+    // Containers that manage their descendants create them on demand; the
+    // element with the focus in them announces itself by event instead.
+    if (hasState(node, ATSPI_STATE_MANAGES_DESCENDANTS))
+        return nullptr;
+    GError* error = nullptr;
+    const gint count = atspi_accessible_get_child_count(node, &error);
+    if (failed(error))
+        return nullptr;
+    for (gint i = 0; i < count && budget > 0; ++i) {
+        const GPtr<AtspiAccessible> child(atspi_accessible_get_child_at_index(node, i, &error));
+        if (failed(error) || !child)
+            continue;
+        if (AtspiAccessible* found = findFocused(child.get(), budget))
+            return found;
+    }
+    return nullptr;
+}
+
+// The focused element among an application's windows, the active ones first
+// (or the active ones alone).
+AtspiAccessible* findFocusedInApplication(AtspiAccessible* application, bool activeOnly)
+{
+    GError* error = nullptr;
+    const gint count = atspi_accessible_get_child_count(application, &error);
+    if (failed(error))
+        return nullptr;
+    std::vector<GPtr<AtspiAccessible>> active;
+    std::vector<GPtr<AtspiAccessible>> others;
+    for (gint i = 0; i < count; ++i) {
+        GPtr<AtspiAccessible> window(atspi_accessible_get_child_at_index(application, i, &error));
+        if (failed(error) || !window)
+            continue;
+        if (hasState(window.get(), ATSPI_STATE_ACTIVE))
+            active.push_back(std::move(window));
+        else
+            others.push_back(std::move(window));
+    }
+    int budget = 5000;
+    for (auto* group : { &active, &others }) {
+        if (activeOnly && group == &others)
+            break;
+        for (const auto& window : *group) {
+            if (AtspiAccessible* found = findFocused(window.get(), budget))
+                return found;
+        }
+    }
+    return nullptr;
+}
+
+// The applications registered on the accessibility bus, optionally only the one with this process id.
+std::vector<GPtr<AtspiAccessible>> applications(qint64 pid)
+{
+    std::vector<GPtr<AtspiAccessible>> result;
+    const GPtr<AtspiAccessible> desktop(atspi_get_desktop(0));
+    if (!desktop)
+        return result;
+    GError* error = nullptr;
+    const gint count = atspi_accessible_get_child_count(desktop.get(), &error);
+    if (failed(error))
+        return result;
+    for (gint i = 0; i < count; ++i) {
+        GPtr<AtspiAccessible> application(atspi_accessible_get_child_at_index(desktop.get(), i, &error));
+        if (failed(error) || !application)
+            continue;
+        if (pid != 0 && processId(application.get()) != pid)
+            continue;
+        result.push_back(std::move(application));
+    }
+    return result;
+}
+
+class AtspiElement final : public AccessibleElement
+{
+public:
+    explicit AtspiElement(GPtr<AtspiAccessible> accessible)
+        : m_accessible(std::move(accessible))
+    { }
+
+    std::optional<QString> role() override
+    {
+        GError* error = nullptr;
+        const GMem<gchar> name(atspi_accessible_get_role_name(m_accessible.get(), &error));
+        if (failed(error) || !name)
+            return std::nullopt;
+        return QString::fromUtf8(name.get());
+    }
+
+    ValueRead value() override
+    {
+        // Text comes from the Text interface; an element that has a Value interface
+        // instead (a slider, a progress bar) has a value that is a number, not text.
+        if (const GPtr<AtspiText> text { atspi_accessible_get_text_iface(m_accessible.get()) }) {
+            GError* error = nullptr;
+            const gint count = atspi_text_get_character_count(text.get(), &error);
+            if (failed(error))
+                return {};
+            const GMem<gchar> contents(atspi_text_get_text(text.get(), 0, count, &error));
+            if (failed(error))
+                return {};
+            return { true, QString::fromUtf8(contents ? contents.get() : "") };
+        }
+        if (const GPtr<AtspiValue> number { atspi_accessible_get_value_iface(m_accessible.get()) }) {
+            GError* error = nullptr;
+            atspi_value_get_current_value(number.get(), &error);
+            if (failed(error))
+                return {};
+            return { true, std::nullopt };
+        }
+        return {};
+    }
+
+    SelectionRead selection() override
+    {
+        const GPtr<AtspiText> text(atspi_accessible_get_text_iface(m_accessible.get()));
+        if (!text)
+            return {};
+        GError* error = nullptr;
+        const gint selections = atspi_text_get_n_selections(text.get(), &error);
+        if (failed(error))
+            return {};
+        if (selections > 0) {
+            const GMem<AtspiRange> range(atspi_text_get_selection(text.get(), 0, &error));
+            if (failed(error) || !range)
+                return {};
+            const qint64 start = std::min(range->start_offset, range->end_offset);
+            const qint64 end = std::max(range->start_offset, range->end_offset);
+            if (start < 0)
+                return { true, std::nullopt };
+            return { true, TextRange { start, end - start } };
+        }
+        const gint caret = atspi_text_get_caret_offset(text.get(), &error);
+        if (failed(error))
+            return {};
+        if (caret < 0)
+            return { true, std::nullopt };
+        return { true, TextRange { caret, 0 } };
+    }
+
+    bool setValue(const QString& value) override
+    {
+        const GPtr<AtspiEditableText> editable(atspi_accessible_get_editable_text_iface(m_accessible.get()));
+        // GTK reports success for a read-only field and changes nothing, so the
+        // editable state is what tells whether the write can work.
+        if (!editable || !hasState(m_accessible.get(), ATSPI_STATE_EDITABLE))
+            return false;
+        GError* error = nullptr;
+        const gboolean written
+            = atspi_editable_text_set_text_contents(editable.get(), value.toUtf8().constData(), &error);
+        return !failed(error) && written;
+    }
+
+    bool setCaret(qint64 offset) override
+    {
+        const GPtr<AtspiText> text(atspi_accessible_get_text_iface(m_accessible.get()));
+        if (!text)
+            return false;
+        GError* error = nullptr;
+        const gboolean moved = atspi_text_set_caret_offset(text.get(), static_cast<gint>(offset), &error);
+        return !failed(error) && moved;
+    }
+
+private:
+    GPtr<AtspiAccessible> m_accessible;
+};
+
+bool accessibilityBusEnabled()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return false;
+    QDBusMessage isEnabled = QDBusMessage::createMethodCall(
+        u"org.a11y.Bus"_s, u"/org/a11y/bus"_s, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
+    isEnabled << u"org.a11y.Status"_s << u"IsEnabled"_s;
+    const QDBusMessage enabled = bus.call(isEnabled, QDBus::Block, 1000);
+    if (enabled.type() != QDBusMessage::ReplyMessage || enabled.arguments().isEmpty())
+        return false;
+    if (!qvariant_cast<QDBusVariant>(enabled.arguments().constFirst()).variant().toBool())
+        return false;
+    const QDBusMessage address = bus.call(
+        QDBusMessage::createMethodCall(u"org.a11y.Bus"_s, u"/org/a11y/bus"_s, u"org.a11y.Bus"_s, u"GetAddress"_s),
+        QDBus::Block, 1000);
+    return address.type() == QDBusMessage::ReplyMessage && !address.arguments().value(0).toString().isEmpty();
+}
+
+} // namespace
+
+struct AtspiTextAccessibility::Connection {
+    ~Connection()
+    {
+        if (listener) {
+            atspi_event_listener_deregister(listener, "object:state-changed:focused", nullptr);
+            g_object_unref(listener);
+        }
+        if (lastFocused)
+            g_object_unref(lastFocused);
+    }
+
+    // Joins the accessibility bus and starts following focus changes. Events are
+    // delivered by GLib's default main context, which Qt's event loop runs.
+    bool open()
+    {
+        if (opened)
+            return true;
+        const int status = atspi_init();
+        if (status != 0 && status != 1)
+            return false;
+        opened = true;
+        listener = atspi_event_listener_new(&Connection::onFocusChanged, this, nullptr);
+        GError* error = nullptr;
+        if (!atspi_event_listener_register(listener, "object:state-changed:focused", &error) || failed(error)) {
+            // Without focus events the search of the focused application still works.
+            g_object_unref(listener);
+            listener = nullptr;
+        }
+        return true;
+    }
+
+    static void onFocusChanged(AtspiEvent* event, void* data)
+    {
+        auto* self = static_cast<Connection*>(data);
+        if (event->source) {
+            if (event->detail1 != 0) {
+                if (self->lastFocused)
+                    g_object_unref(self->lastFocused);
+                self->lastFocused = static_cast<AtspiAccessible*>(g_object_ref(event->source));
+            } else if (event->source == self->lastFocused) {
+                g_object_unref(self->lastFocused);
+                self->lastFocused = nullptr;
+            }
+        }
+        g_boxed_free(ATSPI_TYPE_EVENT, event);
+    }
+
+    bool opened = false;
+    AtspiEventListener* listener = nullptr;
+    AtspiAccessible* lastFocused = nullptr;
+};
+
+AtspiTextAccessibility::AtspiTextAccessibility()
+    : m_connection(std::make_unique<Connection>())
+{
+    // Following focus from the start means the first dictation already knows
+    // where the focus is; an untrusted session is joined later, once enabled.
+    if (accessibilityBusEnabled())
+        m_connection->open();
+}
+
+AtspiTextAccessibility::~AtspiTextAccessibility() = default;
+
+bool AtspiTextAccessibility::isTrusted()
+{
+    return accessibilityBusEnabled() && m_connection->open();
+}
+
+std::unique_ptr<AccessibleElement> AtspiTextAccessibility::focusedElement()
+{
+    if (!m_connection->open())
+        return nullptr;
+    const std::optional<FocusedX11Window> window = X11Focus::focusedWindow();
+    const qint64 pid = window ? window->pid : 0;
+
+    // The element the last focus event named, if it still has the focus and
+    // belongs to the application whose window has the keyboard.
+    if (AtspiAccessible* last = m_connection->lastFocused) {
+        if (hasState(last, ATSPI_STATE_FOCUSED) && (pid == 0 || processId(last) == pid))
+            return std::make_unique<AtspiElement>(
+                GPtr<AtspiAccessible>(static_cast<AtspiAccessible*>(g_object_ref(last))));
+    }
+
+    // No usable event (the focus moved before we listened, or the application
+    // sends none): search the windows of the focused application. With an X
+    // focus we cannot attribute to a process, guessing could type into the wrong
+    // application, so that case gives up. Without X at all (Wayland), only the
+    // applications' active windows are searched.
+    if (window && pid == 0)
+        return nullptr;
+    for (const auto& application : applications(pid)) {
+        if (AtspiAccessible* found = findFocusedInApplication(application.get(), pid == 0))
+            return std::make_unique<AtspiElement>(GPtr<AtspiAccessible>(found));
+    }
+    return nullptr;
+}
