@@ -19,7 +19,7 @@ packages=(
   libpocketsphinx-dev libsphinxbase-dev pocketsphinx pocketsphinx-en-us pocketsphinx-testdata sphinxbase-utils
   # headless desktop used by the tests
   xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
-  xdotool xclip sox libsox-fmt-all espeak-ng
+  xdotool xclip xterm sox libsox-fmt-all espeak-ng
   # tests and benchmarks
   libbenchmark-dev libgtest-dev
 )
