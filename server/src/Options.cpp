@@ -104,9 +104,16 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption chatModel(u"chat-model"_s, u"Model name sent to the chat endpoint."_s, u"name"_s);
     const QCommandLineOption chatKeyFile(
         u"chat-key-file"_s, u"File holding the chat endpoint's API key (or set QUILLET_CHAT_API_KEY)."_s, u"file"_s);
+    const QCommandLineOption chatCleanupTimeout(
+        u"chat-cleanup-timeout"_s, u"Milliseconds to wait for the chat endpoint on a clean-up (default 8000)."_s,
+        u"ms"_s);
+    const QCommandLineOption chatRewriteTimeout(
+        u"chat-rewrite-timeout"_s, u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s,
+        u"ms"_s);
     parser.addOptions({help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
                        threads, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
-                       refreshLifetime, text, chatUrl, chatModel, chatKeyFile});
+                       refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout,
+                       chatRewriteTimeout});
 
     auto fail = [&result](const QString& message) {
         result.action = ParsedOptions::Action::Fail;
@@ -210,6 +217,14 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
                 return fail(u"cannot read --chat-key-file %1: %2"_s.arg(file.fileName(), file.errorString()));
             o.chat.apiKey = QString::fromUtf8(file.readAll()).trimmed();
         }
+        value = o.chat.cleanupTimeoutMs;
+        if (!readInt(parser, chatCleanupTimeout, 100, 600'000, &value, &error))
+            return fail(error);
+        o.chat.cleanupTimeoutMs = int(value);
+        value = o.chat.rewriteTimeoutMs;
+        if (!readInt(parser, chatRewriteTimeout, 100, 600'000, &value, &error))
+            return fail(error);
+        o.chat.rewriteTimeoutMs = int(value);
     }
     return result;
 }
