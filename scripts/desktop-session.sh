@@ -110,7 +110,9 @@ trap cleanup2 EXIT
 if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then
   # The accessibility bus runs in both cases; "--no-a11y" only leaves it disabled,
   # which is what a desktop with assistive technologies switched off looks like.
-  /usr/libexec/at-spi-bus-launcher --launch-immediately >"$root/a11y.log" 2>&1 &
+  # The launcher keeps IsEnabled in GSettings; an in-memory backend keeps it even
+  # on a bus without dconf (--no-keyring gives one with no services at all).
+  GSETTINGS_BACKEND=memory /usr/libexec/at-spi-bus-launcher --launch-immediately >"$root/a11y.log" 2>&1 &
   pids+=($!)
   for _ in $(seq 1 100); do
     dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus org.a11y.Bus.GetAddress >/dev/null 2>&1 && break
