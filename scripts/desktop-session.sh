@@ -130,9 +130,12 @@ if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then
 fi
 
 if [ "$_QUILLET_SOUND" = 1 ]; then
+  # norewinds on the microphone's feed: when a player connects, a null sink rewinds
+  # what it has already rendered, and its monitor then loses up to a second or so of
+  # the start of what is played (parecord on the monitor hears the speech cut).
   cat >"$root/pulse.pa" <<'PA'
 load-module module-native-protocol-unix
-load-module module-null-sink sink_name=mic_feed sink_properties=device.description=MicFeed
+load-module module-null-sink sink_name=mic_feed norewinds=1 sink_properties=device.description=MicFeed
 load-module module-null-sink sink_name=speakers sink_properties=device.description=Speakers
 load-module module-virtual-source source_name=vmic master=mic_feed.monitor source_properties=device.description=VirtualMicrophone
 set-default-sink speakers
