@@ -7,11 +7,16 @@
 #include <QPointer>
 
 #include <pocketsphinx.h>
+#include <sphinxbase/cmn.h>
 #include <sphinxbase/err.h>
+#include <sphinxbase/feat.h>
 
 #include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
+
+// The saved starting mean is kept as floats in the header, which does not include sphinxbase.
+static_assert(std::is_same_v<mfcc_t, float>, "sphinxbase built with fixed-point features");
 
 namespace {
 
@@ -298,20 +303,36 @@ ps_decoder_t* PocketSphinxEngine::create(QString* error)
         *error = u"PocketSphinx could not load the model from %1"_s.arg(m_model.acousticModel);
         return nullptr;
     }
+    if (m_initialCmn.empty()) {
+        if (cmn_t* cmn = ps_get_feat(decoder)->cmn_struct; cmn && cmn->veclen > 0) {
+            m_initialCmn.resize(size_t(cmn->veclen));
+            cmn_live_get(cmn, m_initialCmn.data());
+        }
+    }
     return decoder;
 }
 
 ps_decoder_t* PocketSphinxEngine::acquire(QString* error)
 {
+    ps_decoder_t* decoder = nullptr;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_idle.empty()) {
-            ps_decoder_t* decoder = m_idle.back();
+            decoder = m_idle.back();
             m_idle.pop_back();
-            return decoder;
         }
     }
-    return create(error);
+    if (!decoder)
+        decoder = create(error);
+    if (!decoder)
+        return nullptr;
+    // A decoder adapts to the voice and the room it hears (cepstral mean, noise floor).
+    // Every stream starts from the model's own starting point instead, so one user's
+    // dictation never shapes the next one's, and the same audio gives the same words.
+    ps_start_stream(decoder);
+    if (cmn_t* cmn = ps_get_feat(decoder)->cmn_struct; cmn && int(m_initialCmn.size()) == cmn->veclen)
+        cmn_live_set(cmn, m_initialCmn.data());
+    return decoder;
 }
 
 void PocketSphinxEngine::release(ps_decoder_t* decoder)

@@ -42,4 +42,6 @@ private:
     std::mutex m_mutex;
     std::mutex m_createMutex;
     std::vector<ps_decoder_s*> m_idle;
+    // Written once by the decoder that prepare() builds, before any stream runs; read-only after.
+    std::vector<float> m_initialCmn;
 };

@@ -28,6 +28,7 @@ bool ServerProcess::start(QString* error)
     m_process = std::make_unique<QProcess>();
     m_process->setProcessChannelMode(QProcess::SeparateChannels);
     m_process->setReadChannel(QProcess::StandardOutput);
+    m_process->setProcessEnvironment(m_environment);
     QStringList arguments{u"--api-port"_s, u"0"_s, u"--site-port"_s, u"0"_s, u"--data-dir"_s,
                           m_dataDir.path() + u"/data"_s};
     arguments += m_arguments;

@@ -17,6 +17,7 @@ public:
     explicit ServerProcess(QStringList extraArguments = {});
     ~ServerProcess();
 
+    void setEnvironment(const QProcessEnvironment& environment) { m_environment = environment; }
     bool start(QString* error);
     void stop();
     bool isRunning() const;
@@ -32,6 +33,7 @@ public:
 
 private:
     QStringList m_arguments;
+    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     QTemporaryDir m_dataDir;
     std::unique_ptr<QProcess> m_process;
     QByteArray m_output;
