@@ -106,7 +106,8 @@ struct Alignment {
     double correlation = 0;
 };
 
-// Where the reference sits inside the recording: the lag with the highest
+// Where the reference sits inside the recording (all of it, the recording being the
+// longer): the lag with the highest
 // normalised correlation, searched coarsely on 10 ms energy envelopes first and then
 // sample by sample around the best coarse lag.
 inline Alignment align(std::span<const qint16> recording, std::span<const qint16> reference, double rate)
@@ -128,7 +129,7 @@ inline Alignment align(std::span<const qint16> recording, std::span<const qint16
     const std::vector<double> eb = envelope(b);
     long bestCoarse = 0;
     double bestCoarseValue = -2;
-    for (long lag = -long(eb.size()); lag < long(ea.size()); ++lag) {
+    for (long lag = 0; lag + long(eb.size()) <= long(ea.size()); ++lag) {
         const double c = correlationAt(ea, eb, lag);
         if (c > bestCoarseValue) {
             bestCoarseValue = c;
@@ -137,7 +138,8 @@ inline Alignment align(std::span<const qint16> recording, std::span<const qint16
     }
     Alignment best { 0, -2 };
     const long centre = bestCoarse * long(hop);
-    for (long lag = centre - 2 * long(hop); lag <= centre + 2 * long(hop); ++lag) {
+    const long lastLag = long(a.size()) - long(b.size());
+    for (long lag = std::max(0L, centre - 2 * long(hop)); lag <= std::min(lastLag, centre + 2 * long(hop)); ++lag) {
         const double c = correlationAt(a, b, lag);
         if (c > best.correlation)
             best = { lag, c };
