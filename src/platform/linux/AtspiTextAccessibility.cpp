@@ -8,6 +8,7 @@
 
 #include <atspi/atspi.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -126,6 +127,34 @@ std::vector<GPtr<AtspiAccessible>> applications(qint64 pid)
     return result;
 }
 
+qint64 characterCount(QStringView text)
+{
+    qint64 characters = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        if (!(text[i].isLowSurrogate() && i > 0 && text[i - 1].isHighSurrogate()))
+            ++characters;
+    }
+    return characters;
+}
+
+// The UTF-16 index at which the character with this offset starts.
+qint64 utf16Index(QStringView text, qint64 characterOffset)
+{
+    qsizetype index = 0;
+    for (qint64 characters = 0; characters < characterOffset && index < text.size(); ++characters)
+        index += (text[index].isHighSurrogate() && index + 1 < text.size() && text[index + 1].isLowSurrogate()) ? 2 : 1;
+    return index + std::max<qint64>(0, characterOffset - characterCount(text));
+}
+
+// AT-SPI offsets count characters, but some toolkits (Qt 6.4 among them) hand
+// out and take UTF-16 indexes instead. They can only differ in a text with
+// characters outside the Basic Multilingual Plane, and there the element's own
+// character count shows which unit it uses.
+bool countsUtf16(QStringView text, qint64 reportedCount)
+{
+    return reportedCount == text.size() && reportedCount != characterCount(text);
+}
+
 class AtspiElement final : public AccessibleElement
 {
 public:
@@ -147,14 +176,9 @@ public:
         // Text comes from the Text interface; an element that has a Value interface
         // instead (a slider, a progress bar) has a value that is a number, not text.
         if (const GPtr<AtspiText> text { atspi_accessible_get_text_iface(m_accessible.get()) }) {
-            GError* error = nullptr;
-            const gint count = atspi_text_get_character_count(text.get(), &error);
-            if (failed(error))
+            if (!readText(text.get()))
                 return {};
-            const GMem<gchar> contents(atspi_text_get_text(text.get(), 0, count, &error));
-            if (failed(error))
-                return {};
-            return { true, QString::fromUtf8(contents ? contents.get() : "") };
+            return { true, m_text };
         }
         if (const GPtr<AtspiValue> number { atspi_accessible_get_value_iface(m_accessible.get()) }) {
             GError* error = nullptr;
@@ -169,28 +193,32 @@ public:
     SelectionRead selection() override
     {
         const GPtr<AtspiText> text(atspi_accessible_get_text_iface(m_accessible.get()));
-        if (!text)
+        if (!text || (!m_textRead && !readText(text.get())))
             return {};
         GError* error = nullptr;
         const gint selections = atspi_text_get_n_selections(text.get(), &error);
         if (failed(error))
             return {};
+        qint64 start = 0;
+        qint64 end = 0;
         if (selections > 0) {
             const GMem<AtspiRange> range(atspi_text_get_selection(text.get(), 0, &error));
             if (failed(error) || !range)
                 return {};
-            const qint64 start = std::min(range->start_offset, range->end_offset);
-            const qint64 end = std::max(range->start_offset, range->end_offset);
-            if (start < 0)
-                return { true, std::nullopt };
-            return { true, TextRange { start, end - start } };
+            start = std::min(range->start_offset, range->end_offset);
+            end = std::max(range->start_offset, range->end_offset);
+        } else {
+            start = end = atspi_text_get_caret_offset(text.get(), &error);
+            if (failed(error))
+                return {};
         }
-        const gint caret = atspi_text_get_caret_offset(text.get(), &error);
-        if (failed(error))
-            return {};
-        if (caret < 0)
+        if (start < 0)
             return { true, std::nullopt };
-        return { true, TextRange { caret, 0 } };
+        if (m_utf16Offsets) {
+            start = characterCount(QStringView(m_text).first(std::min<qint64>(start, m_text.size())));
+            end = characterCount(QStringView(m_text).first(std::min<qint64>(end, m_text.size())));
+        }
+        return { true, TextRange { start, end - start } };
     }
 
     bool setValue(const QString& value) override
@@ -203,7 +231,11 @@ public:
         GError* error = nullptr;
         const gboolean written
             = atspi_editable_text_set_text_contents(editable.get(), value.toUtf8().constData(), &error);
-        return !failed(error) && written;
+        if (failed(error) || !written)
+            return false;
+        m_text = value;
+        m_textRead = false;
+        return true;
     }
 
     bool setCaret(qint64 offset) override
@@ -212,12 +244,39 @@ public:
         if (!text)
             return false;
         GError* error = nullptr;
-        const gboolean moved = atspi_text_set_caret_offset(text.get(), static_cast<gint>(offset), &error);
+        qint64 target = offset;
+        // Only a text with characters beyond the BMP needs the unit checked.
+        if (characterCount(m_text) != m_text.size()) {
+            const gint count = atspi_text_get_character_count(text.get(), &error);
+            if (failed(error))
+                return false;
+            if (countsUtf16(m_text, count))
+                target = utf16Index(m_text, offset);
+        }
+        const gboolean moved = atspi_text_set_caret_offset(text.get(), static_cast<gint>(target), &error);
         return !failed(error) && moved;
     }
 
 private:
+    bool readText(AtspiText* text)
+    {
+        GError* error = nullptr;
+        const gint count = atspi_text_get_character_count(text, &error);
+        if (failed(error))
+            return false;
+        const GMem<gchar> contents(atspi_text_get_text(text, 0, count, &error));
+        if (failed(error))
+            return false;
+        m_text = QString::fromUtf8(contents ? contents.get() : "");
+        m_utf16Offsets = countsUtf16(m_text, count);
+        m_textRead = true;
+        return true;
+    }
+
     GPtr<AtspiAccessible> m_accessible;
+    QString m_text; // as last read, or as last written
+    bool m_textRead = false;
+    bool m_utf16Offsets = false;
 };
 
 bool accessibilityBusEnabled()
