@@ -81,6 +81,11 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
                                   u"file"_s);
     const QCommandLineOption threads(u"decoder-threads"_s, u"Threads that decode speech (default: one per core)."_s,
                                      u"n"_s);
+    const QCommandLineOption preload(
+        u"preload-decoders"_s,
+        u"Decoders built at start-up (default 1). More streams than this at once build theirs on first use, which "
+        "delays them by about a second; each decoder holds about 100 MiB."_s,
+        u"n"_s);
     const QCommandLineOption maxStreams(u"max-streams"_s,
                                         u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
     const QCommandLineOption maxConnections(u"max-connections"_s,
@@ -111,7 +116,7 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"chat-rewrite-timeout"_s, u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s,
         u"ms"_s);
     parser.addOptions({help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
-                       threads, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
+                       threads, preload, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
                        refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout,
                        chatRewriteTimeout});
 
@@ -175,6 +180,10 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     if (!readInt(parser, threads, 0, 256, &value, &error))
         return fail(error);
     o.decoderThreads = int(value);
+    value = o.preloadDecoders;
+    if (!readInt(parser, preload, 1, 1024, &value, &error))
+        return fail(error);
+    o.preloadDecoders = int(value);
     value = o.limits.maxStreams;
     if (!readInt(parser, maxStreams, 1, 1024, &value, &error))
         return fail(error);

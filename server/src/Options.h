@@ -18,6 +18,7 @@ struct ServerOptions {
     QString speechEngine = QStringLiteral("pocketsphinx");
     PocketSphinxModel model = PocketSphinxModel::debianDefault();
     int decoderThreads = 0; // 0: one per core
+    int preloadDecoders = 1;
     StreamLimits limits;
     int maxConnections = 64;
     qint64 accessTokenSeconds = 15 * 60;

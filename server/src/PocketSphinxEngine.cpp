@@ -268,7 +268,7 @@ QString PocketSphinxEngine::name() const
     return u"pocketsphinx"_s;
 }
 
-bool PocketSphinxEngine::prepare(QString* error)
+bool PocketSphinxEngine::prepare(int decoders, QString* error)
 {
     for (const QString& path : {m_model.acousticModel, m_model.languageModel, m_model.dictionary}) {
         if (!QFileInfo::exists(path)) {
@@ -276,10 +276,12 @@ bool PocketSphinxEngine::prepare(QString* error)
             return false;
         }
     }
-    ps_decoder_t* decoder = create(error);
-    if (!decoder)
-        return false;
-    release(decoder);
+    for (int i = 0; i < std::max(1, decoders); ++i) {
+        ps_decoder_t* decoder = create(error);
+        if (!decoder)
+            return false;
+        release(decoder);
+    }
     return true;
 }
 

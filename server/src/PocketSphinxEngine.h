@@ -25,8 +25,9 @@ public:
     PocketSphinxEngine(PocketSphinxModel model, int threads);
     ~PocketSphinxEngine() override;
 
-    // Checks the model by building the first decoder; call once at start-up.
-    bool prepare(QString* error);
+    // Checks the model by building the first decoders (at least one); call once at
+    // start-up. Each decoder costs about 100 MiB and most of a second to build.
+    bool prepare(int decoders, QString* error);
 
     QString name() const override;
     std::unique_ptr<SpeechStream> open(QObject* context, SpeechSink* sink) override;

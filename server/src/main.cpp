@@ -109,10 +109,11 @@ int main(int argc, char* argv[])
 
     const int threads = options.decoderThreads > 0 ? options.decoderThreads : std::max(1, QThread::idealThreadCount());
     PocketSphinxEngine speech(options.model, threads);
-    if (!speech.prepare(&error))
+    if (!speech.prepare(options.preloadDecoders, &error))
         return failStart(u"speech engine: %1"_s.arg(error));
-    Log::line(Log::Kind::Audio, u"speech engine pocketsphinx ready (%1 decoding threads, model %2)"_s.arg(threads).arg(
-                                    options.model.acousticModel));
+    Log::line(Log::Kind::Audio, u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
+                                    .arg(options.preloadDecoders)
+                                    .arg(options.model.acousticModel));
 
     RuleTextEngine rules;
     std::unique_ptr<ChatTextEngine> chat;

@@ -83,6 +83,11 @@ bool ServerProcess::isRunning() const
     return m_process && m_process->state() == QProcess::Running;
 }
 
+qint64 ServerProcess::processId() const
+{
+    return m_process ? m_process->processId() : 0;
+}
+
 QUrl ServerProcess::apiUrl(const QString& path) const
 {
     return QUrl(u"http://127.0.0.1:%1%2"_s.arg(m_apiPort).arg(path));

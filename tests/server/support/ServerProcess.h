@@ -21,6 +21,7 @@ public:
     bool start(QString* error);
     void stop();
     bool isRunning() const;
+    qint64 processId() const;
 
     quint16 apiPort() const { return m_apiPort; }
     quint16 sitePort() const { return m_sitePort; }
