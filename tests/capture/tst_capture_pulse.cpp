@@ -167,6 +167,8 @@ void TestCapturePulse::capturesTheDefaultSourceAsPlayed()
     for (const std::thread::id id : delegate->threads())
         QVERIFY(id != std::this_thread::get_id());
 
+    // QUILLET_CAPTURE_DUMP=/some/prefix keeps what was heard, as raw 16 kHz mono
+    // s16le, for listening to when this test fails.
     if (qEnvironmentVariableIsSet("QUILLET_CAPTURE_DUMP")) {
         QFile dump(qEnvironmentVariable("QUILLET_CAPTURE_DUMP") + u'-' + file + u".raw"_s);
         if (dump.open(QIODevice::WriteOnly))
