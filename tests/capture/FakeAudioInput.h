@@ -26,7 +26,8 @@ struct FakeAudioInputRecord {
 };
 
 // An audio input that captures nothing by itself: the test delivers the buffers.
-class FakeAudioInput final : public AudioInput {
+class FakeAudioInput final : public AudioInput
+{
 public:
     explicit FakeAudioInput(std::shared_ptr<FakeAudioInputRecord> record)
         : m_record(std::move(record))

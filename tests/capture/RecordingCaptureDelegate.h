@@ -9,7 +9,8 @@
 #include <vector>
 
 // Keeps every call it gets, with the thread it came on.
-class RecordingCaptureDelegate final : public AudioCaptureDelegate {
+class RecordingCaptureDelegate final : public AudioCaptureDelegate
+{
 public:
     void audioCaptureDidReceive(Pcm16Buffer pcmBuffer) override
     {

@@ -34,7 +34,8 @@ std::vector<float> tone(const AudioFormat& format, size_t startFrame = 0)
 
 } // namespace
 
-class TestAudioCaptureManager : public QObject {
+class TestAudioCaptureManager : public QObject
+{
     Q_OBJECT
 
 private Q_SLOTS:

@@ -8,7 +8,8 @@
 
 using namespace Qt::StringLiterals;
 
-class TestAudioConverter : public QObject {
+class TestAudioConverter : public QObject
+{
     Q_OBJECT
 
 private Q_SLOTS:
