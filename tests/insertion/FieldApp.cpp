@@ -87,6 +87,11 @@ bool FieldApp::set(const QString& field, const QString& text, int start, int end
         .has_value();
 }
 
+bool FieldApp::copyImage()
+{
+    return request("copy-image", "ok").has_value();
+}
+
 std::optional<double> FieldApp::sliderValue()
 {
     const std::optional<QByteArray> reply = request("get slider", "value slider ");

@@ -36,6 +36,8 @@ public:
     std::optional<Content> content(const QString& field);
     // Replaces the field's text and selects [start, end) in the toolkit's own offsets.
     bool set(const QString& field, const QString& text, int start, int end);
+    // Has the window put a picture, and nothing else, on the clipboard (GTK window only).
+    bool copyImage();
     // The slider's value (GTK window only).
     std::optional<double> sliderValue();
     // Waits until the field holds exactly this text; the content seen last either way.

@@ -12,6 +12,7 @@
  *                                            whether the window has the keyboard
  *   ok                                       reply to "set"
  * Commands: where <field> | get <field> | set <field> <base64 text> <start> <end> | focused
+ *           copy-image (puts a small picture, and nothing else, on the clipboard)
  */
 #include <gdk/gdkx.h>
 #include <gtk/gtk.h>
@@ -100,7 +101,13 @@ static void command(char *line)
 {
     char name[32] = "", encoded[4096] = "";
     int start = 0, end = 0;
-    if (strcmp(line, "focused") == 0) {
+    if (strcmp(line, "copy-image") == 0) {
+        GdkPixbuf *picture = gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 8, 8);
+        gdk_pixbuf_fill(picture, 0xff0000ff);
+        gtk_clipboard_set_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD), picture);
+        g_object_unref(picture);
+        printf("ok\n");
+    } else if (strcmp(line, "focused") == 0) {
         GtkWidget *focus = gtk_window_get_focus(GTK_WINDOW(window));
         printf("focused %s %d\n", focus ? field_name(focus) : "none",
             gtk_window_has_toplevel_focus(GTK_WINDOW(window)) ? 1 : 0);
