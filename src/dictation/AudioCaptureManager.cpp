@@ -60,13 +60,11 @@ struct AudioCaptureManager::Tap {
 
 AudioCaptureManager::AudioCaptureManager()
     : AudioCaptureManager([] { return makeSystemAudioInput(); })
-{
-}
+{ }
 
 AudioCaptureManager::AudioCaptureManager(InputFactory makeInput)
     : m_makeInput(std::move(makeInput))
-{
-}
+{ }
 
 AudioCaptureManager::~AudioCaptureManager()
 {

@@ -14,7 +14,8 @@
 // What the capture reports to its owner. Both calls come from the audio thread, one
 // per captured buffer; a delegate hands its work to its own thread and never waits
 // there for the main thread (stop() on the main thread waits for a call under way).
-class AudioCaptureDelegate {
+class AudioCaptureDelegate
+{
 public:
     virtual ~AudioCaptureDelegate() = default;
     // One converted buffer: 16 kHz, one channel, signed 16-bit.
@@ -24,14 +25,14 @@ public:
 };
 
 // The failure of start() that the capture itself names, with its fixed sentence.
-class CaptureError {
+class CaptureError
+{
 public:
     enum Case { converterFailed };
 
     explicit CaptureError(Case value)
         : m_case(value)
-    {
-    }
+    { }
     Case value() const { return m_case; }
     QString errorDescription() const;
     friend bool operator==(CaptureError, CaptureError) = default;
@@ -51,7 +52,8 @@ struct CaptureStartFailure {
 // it on in the transcription format, one converted buffer per 4,096 captured frames.
 // start() and stop() belong to the main thread; conversion and the delegate calls
 // happen on the audio input's thread. One manager per dictation.
-class AudioCaptureManager {
+class AudioCaptureManager
+{
 public:
     using InputFactory = std::function<std::unique_ptr<AudioInput>()>;
 

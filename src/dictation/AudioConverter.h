@@ -22,7 +22,8 @@ std::optional<quint32> outputFrameCapacity(quint32 frameLength, double inputSamp
 // resampler's state from buffer to buffer: feed it the buffers of one stream, in order.
 // Every captured frame goes in; what does not fit in one output buffer comes out at
 // the start of the next, so nothing is lost or repeated between buffers.
-class AudioConverter {
+class AudioConverter
+{
 public:
     // Nothing when this format cannot be converted; the reason goes to error.
     static std::unique_ptr<AudioConverter> create(const AudioFormat& input, QString* error = nullptr);

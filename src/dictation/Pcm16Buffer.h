@@ -7,7 +7,8 @@
 
 // Audio in the transcription format: 16 kHz, one channel, signed 16-bit samples.
 // Room for frameCapacity() frames, of which the first frameLength() hold audio.
-class Pcm16Buffer {
+class Pcm16Buffer
+{
 public:
     static constexpr double sampleRate = 16000;
     static constexpr int channelCount = 1;
@@ -15,8 +16,7 @@ public:
     Pcm16Buffer() = default;
     explicit Pcm16Buffer(quint32 frameCapacity)
         : m_samples(frameCapacity)
-    {
-    }
+    { }
 
     quint32 frameCapacity() const { return quint32(m_samples.size()); }
     quint32 frameLength() const { return m_frameLength; }

@@ -31,7 +31,8 @@ struct AudioInputFailure {
 
 // The system's default microphone, as the sound server sees it when the input is
 // made. One object serves one capture: read the format, start, stop, destroy.
-class AudioInput {
+class AudioInput
+{
 public:
     // Called on the input's own thread, once per buffer, never twice at the same time.
     using BufferHandler = std::function<void(const AudioFrames&)>;

@@ -43,8 +43,7 @@ struct Signaller {
 
 PulseAudioInput::PulseAudioInput(int timeoutMs)
     : m_timeoutMs(timeoutMs)
-{
-}
+{ }
 
 PulseAudioInput::~PulseAudioInput()
 {

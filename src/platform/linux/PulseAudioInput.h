@@ -20,7 +20,8 @@ struct pa_threaded_mainloop;
 // Multimedia module picks the first source it lists) and record from it at its own
 // rate and channel count, so the server has no resampling of its own to do.
 // Callbacks run on libpulse's threaded main loop, with its lock held.
-class PulseAudioInput final : public AudioInput {
+class PulseAudioInput final : public AudioInput
+{
 public:
     explicit PulseAudioInput(int timeoutMs);
     ~PulseAudioInput() override;
