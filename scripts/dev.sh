@@ -17,7 +17,13 @@ build() {
 case "${1:-}" in
   run)
     scripts/install-deps.sh
-    build release
+    cmake --preset release >/dev/null
+    # Only the programs, not the tests and benchmarks.
+    targets=()
+    for t in quillet-server quillet; do
+      cmake --build --preset release --target help | grep -q "^$t:" && targets+=("$t")
+    done
+    [ ${#targets[@]} -gt 0 ] && cmake --build --preset release -j"$jobs" --target "${targets[@]}"
     bin=build/release/bin
     if [ ! -x "$bin/quillet-server" ]; then
       echo "quillet-server is not part of this build yet; nothing to run." >&2
