@@ -223,6 +223,27 @@ private Q_SLOTS:
         QCOMPARE(m_gtk->content(u"entry"_s)->text, u"to GTK"_s);
     }
 
+    void findsTheFocusWithoutHavingSeenItMove_data()
+    {
+        QTest::addColumn<bool>("qt");
+        QTest::newRow("GTK") << false;
+        QTest::newRow("Qt") << true;
+    }
+    void findsTheFocusWithoutHavingSeenItMove()
+    {
+        // A service created after the focus settled has had no focus event and
+        // must search the focused application's windows instead.
+        QFETCH(bool, qt);
+        FieldApp& app = qt ? *m_qt : *m_gtk;
+        QVERIFY(app.focus(u"textview"_s) && app.set(u"textview"_s, u"ab"_s, 1, 1));
+        const std::unique_ptr<TextAccessibility> late = makeSystemTextAccessibility();
+        TextInserter inserter(*late, *m_pasteboard, *m_keystroke);
+        StdoutCapture out;
+        inserter.insert(u"-"_s);
+        QCOMPARE(out.lines().last(), succeeded);
+        QCOMPARE(app.content(u"textview"_s)->text, u"a-b"_s);
+    }
+
     void terminalWithoutAccessibilityGetsThePaste()
     {
         // xterm exposes nothing over AT-SPI. The paste keys of a terminal are
