@@ -115,7 +115,9 @@ if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then
   GSETTINGS_BACKEND=memory /usr/libexec/at-spi-bus-launcher --launch-immediately >"$root/a11y.log" 2>&1 &
   pids+=($!)
   for _ in $(seq 1 100); do
-    dbus-send --session --print-reply --dest=org.a11y.Bus /org/a11y/bus org.a11y.Bus.GetAddress >/dev/null 2>&1 && break
+    # Ask whether our launcher owns the name yet; calling it would start a second one by activation.
+    dbus-send --session --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
+      string:org.a11y.Bus 2>/dev/null | grep -q true && break
     sleep 0.05
   done
   enabled=false
@@ -163,7 +165,11 @@ if [ "$_QUILLET_KEYRING" = 1 ]; then
       string:org.freedesktop.secrets 2>/dev/null | grep -q true && break
     sleep 0.05
   done
-  keyring_pid=$(pgrep -n -f "gnome-keyring-daemon" || true)
+  # The daemon forked away from us; ask our own bus which process it is, so that
+  # sessions running side by side never stop each other's keyring.
+  keyring_pid=$(dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
+    org.freedesktop.DBus.GetConnectionUnixProcessID string:org.freedesktop.secrets 2>/dev/null \
+    | awk '/uint32/ {print $2}')
   [ -n "$keyring_pid" ] && pids+=("$keyring_pid")
 fi
 
