@@ -19,7 +19,7 @@ QString transcript()
     return words.mid(0, 200).join(u' ');
 }
 
-const QStringList dictionary{u"Kubernetes"_s, u"PostgreSQL"_s, u"Friday"_s, u"Quillet"_s};
+const QStringList dictionary { u"Kubernetes"_s, u"PostgreSQL"_s, u"Friday"_s, u"Quillet"_s };
 
 void cleanup200Words(benchmark::State& state)
 {

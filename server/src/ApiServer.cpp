@@ -22,7 +22,7 @@ constexpr qsizetype maxBodyBytes = 1024 * 1024;
 
 QJsonObject errorBody(const QString& code, const QString& message)
 {
-    return QJsonObject{{u"error"_s, QJsonObject{{u"code"_s, code}, {u"message"_s, message}}}};
+    return QJsonObject { { u"error"_s, QJsonObject { { u"code"_s, code }, { u"message"_s, message } } } };
 }
 
 QHttpServerResponse jsonError(Status status, const QString& code, const QString& message)
@@ -54,7 +54,7 @@ QByteArray bearerToken(const QHttpServerRequest& request)
 } // namespace
 
 ApiServer::ApiServer(AuthService& auth, SpeechEngine& speech, TextEngine& text, const StreamLimits& limits,
-                     int maxConnections, QObject* parent)
+    int maxConnections, QObject* parent)
     : QObject(parent)
     , m_auth(auth)
     , m_speech(speech)
@@ -67,6 +67,12 @@ ApiServer::ApiServer(AuthService& auth, SpeechEngine& speech, TextEngine& text, 
     connect(&m_http, &QHttpServer::newWebSocketConnection, this, &ApiServer::acceptWebSockets);
 }
 
+ApiServer::~ApiServer()
+{
+    // Sessions give their stream slot back to m_counter when they go; they must go while it exists.
+    qDeleteAll(findChildren<StreamSession*>(Qt::FindDirectChildrenOnly));
+}
+
 quint16 ApiServer::listen(const QHostAddress& address, quint16 port)
 {
     return m_http.listen(address, port);
@@ -76,15 +82,15 @@ void ApiServer::addRoutes()
 {
     m_http.route(u"/health"_s, QHttpServerRequest::Method::Get, [this] { return health(); });
     m_http.route(u"/auth/refresh"_s, QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest& request) { return refresh(request); });
+        [this](const QHttpServerRequest& request) { return refresh(request); });
     m_http.route(u"/cleanup"_s, QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
-                     text(request, std::move(responder), false);
-                 });
+        [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+            text(request, std::move(responder), false);
+        });
     m_http.route(u"/rewrite"_s, QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
-                     text(request, std::move(responder), true);
-                 });
+        [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+            text(request, std::move(responder), true);
+        });
     // QHttpServer hands an upgrade request to newWebSocketConnection only when a route
     // matches it; a route that writes nothing lets the handshake go ahead (a written
     // response would answer the handshake with a plain 200).
@@ -93,12 +99,12 @@ void ApiServer::addRoutes()
 
 QHttpServerResponse ApiServer::health() const
 {
-    return QHttpServerResponse(QJsonObject{
-        {u"status"_s, u"ok"_s},
-        {u"version"_s, QStringLiteral(QUILLET_SERVER_VERSION)},
-        {u"speech_engine"_s, m_speech.name()},
-        {u"text_engine"_s, m_text.name()},
-        {u"streams"_s, QJsonObject{{u"active"_s, m_counter.active()}, {u"limit"_s, m_counter.limit()}}},
+    return QHttpServerResponse(QJsonObject {
+        { u"status"_s, u"ok"_s },
+        { u"version"_s, QStringLiteral(QUILLET_SERVER_VERSION) },
+        { u"speech_engine"_s, m_speech.name() },
+        { u"text_engine"_s, m_text.name() },
+        { u"streams"_s, QJsonObject { { u"active"_s, m_counter.active() }, { u"limit"_s, m_counter.limit() } } },
     });
 }
 
@@ -112,10 +118,10 @@ QHttpServerResponse ApiServer::refresh(const QHttpServerRequest& request)
     switch (result.outcome) {
     case AuthService::RefreshOutcome::Refreshed: {
         Log::line(Log::Kind::Refresh, u"refresh token rotated for %1"_s.arg(result.subject));
-        QHttpServerResponse response(QJsonObject{
-            {u"access_token"_s, result.tokens.accessToken},
-            {u"refresh_token"_s, result.tokens.refreshToken},
-            {u"token_type"_s, u"Bearer"_s},
+        QHttpServerResponse response(QJsonObject {
+            { u"access_token"_s, result.tokens.accessToken },
+            { u"refresh_token"_s, result.tokens.refreshToken },
+            { u"token_type"_s, u"Bearer"_s },
         });
         response.addHeader("Cache-Control", "no-store");
         return response;
@@ -123,18 +129,27 @@ QHttpServerResponse ApiServer::refresh(const QHttpServerRequest& request)
     case AuthService::RefreshOutcome::Rejected: {
         QString why;
         switch (result.reason) {
-        case TokenStore::Outcome::Unknown: why = u"unknown"_s; break;
-        case TokenStore::Outcome::Expired: why = u"expired"_s; break;
-        case TokenStore::Outcome::Revoked: why = u"revoked"_s; break;
-        case TokenStore::Outcome::Reused: why = u"reused; its family is revoked"_s; break;
-        default: why = u"rejected"_s; break;
+        case TokenStore::Outcome::Unknown:
+            why = u"unknown"_s;
+            break;
+        case TokenStore::Outcome::Expired:
+            why = u"expired"_s;
+            break;
+        case TokenStore::Outcome::Revoked:
+            why = u"revoked"_s;
+            break;
+        case TokenStore::Outcome::Reused:
+            why = u"reused; its family is revoked"_s;
+            break;
+        default:
+            why = u"rejected"_s;
+            break;
         }
         Log::line(result.reason == TokenStore::Outcome::Reused ? Log::Kind::Warning : Log::Kind::Failure,
-                  u"refresh refused: token %1%2"_s.arg(why, result.subject.isEmpty() ? QString()
-                                                                                     : u" (account %1)"_s.arg(
-                                                                                           result.subject)));
-        return jsonError(Status::Unauthorized, u"INVALID_REFRESH_TOKEN"_s,
-                         u"Your session has ended. Sign in to Quillet again."_s);
+            u"refresh refused: token %1%2"_s.arg(
+                why, result.subject.isEmpty() ? QString() : u" (account %1)"_s.arg(result.subject)));
+        return jsonError(
+            Status::Unauthorized, u"INVALID_REFRESH_TOKEN"_s, u"Your session has ended. Sign in to Quillet again."_s);
     }
     case AuthService::RefreshOutcome::Failed:
         break;
@@ -146,17 +161,17 @@ QHttpServerResponse ApiServer::refresh(const QHttpServerRequest& request)
 void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& responder, bool rewrite)
 {
     const auto reply = [](QHttpServerResponder& r, Status status, const QJsonObject& body) {
-        r.write(QJsonDocument(body), {{"Cache-Control", "no-store"}}, status);
+        r.write(QJsonDocument(body), { { "Cache-Control", "no-store" } }, status);
     };
     const char* what = rewrite ? "rewrite" : "clean-up";
 
     const AuthService::AccessResult access = m_auth.checkAccess(bearerToken(request));
     if (access.check != AuthService::AccessCheck::Valid) {
         const bool expired = access.check == AuthService::AccessCheck::Expired;
-        Log::line(Log::Kind::Failure, u"%1 refused: %2 access token"_s.arg(QLatin1StringView(what),
-                                                                           expired ? u"expired"_s : u"invalid"_s));
+        Log::line(Log::Kind::Failure,
+            u"%1 refused: %2 access token"_s.arg(QLatin1StringView(what), expired ? u"expired"_s : u"invalid"_s));
         reply(responder, Status::Unauthorized,
-              errorBody(expired ? u"TOKEN_EXPIRED"_s : u"INVALID_TOKEN"_s, u"Sign in to Quillet again."_s));
+            errorBody(expired ? u"TOKEN_EXPIRED"_s : u"INVALID_TOKEN"_s, u"Sign in to Quillet again."_s));
         return;
     }
 
@@ -171,13 +186,13 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
     if (!dictionary.isUndefined() && !dictionary.isNull()) {
         if (!dictionary.isArray()) {
             reply(responder, Status::BadRequest,
-                  errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
+                errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
             return;
         }
         for (const QJsonValue& term : dictionary.toArray()) {
             if (!term.isString()) {
                 reply(responder, Status::BadRequest,
-                      errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
+                    errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
                 return;
             }
             textRequest.dictionary << term.toString();
@@ -188,7 +203,7 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
         textRequest.tone = tone.isString() ? toneFromName(tone.toString()) : std::nullopt;
         if (!textRequest.tone) {
             reply(responder, Status::BadRequest,
-                  errorBody(u"UNKNOWN_TONE"_s, u"Unknown tone. Use one of: %1."_s.arg(toneNames().join(u", "_s))));
+                errorBody(u"UNKNOWN_TONE"_s, u"Unknown tone. Use one of: %1."_s.arg(toneNames().join(u", "_s))));
             return;
         }
     }
@@ -201,13 +216,13 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
     const qsizetype words = textRequest.text.split(u' ', Qt::SkipEmptyParts).size();
     const QString tone = textRequest.tone ? toneName(*textRequest.tone) : QString();
     m_text.process(textRequest, this, [socket, pending, clock, words, tone, what, reply](const QString& result) {
-        Log::line(Log::Kind::Text, u"%1%2: %3 words in %4 ms"_s.arg(QLatin1StringView(what),
-                                                                     tone.isEmpty() ? QString() : u" "_s + tone)
-                                       .arg(words)
-                                       .arg(clock.elapsed()));
+        Log::line(Log::Kind::Text,
+            u"%1%2: %3 words in %4 ms"_s.arg(QLatin1StringView(what), tone.isEmpty() ? QString() : u" "_s + tone)
+                .arg(words)
+                .arg(clock.elapsed()));
         if (!socket)
             return;
-        reply(*pending, Status::Ok, QJsonObject{{u"text"_s, result}});
+        reply(*pending, Status::Ok, QJsonObject { { u"text"_s, result } });
     });
 }
 
@@ -219,8 +234,8 @@ void ApiServer::acceptWebSockets()
             continue;
         // The QHttpServer would delete the socket with itself; the session owns it now.
         socket->setParent(nullptr);
-        auto* session = new StreamSession(m_nextStreamId++, std::move(socket), m_auth, m_speech, m_counter, m_limits,
-                                          this);
+        auto* session
+            = new StreamSession(m_nextStreamId++, std::move(socket), m_auth, m_speech, m_counter, m_limits, this);
         ++m_connections;
         connect(session, &StreamSession::closed, this, [this, session] {
             --m_connections;

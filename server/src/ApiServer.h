@@ -12,11 +12,13 @@ class TextEngine;
 
 // The API address: health, token refresh, clean-up and rewrite, and the transcription
 // WebSocket, all on one port.
-class ApiServer final : public QObject {
+class ApiServer final : public QObject
+{
     Q_OBJECT
 public:
-    ApiServer(AuthService& auth, SpeechEngine& speech, TextEngine& text, const StreamLimits& limits,
-              int maxConnections, QObject* parent = nullptr);
+    ApiServer(AuthService& auth, SpeechEngine& speech, TextEngine& text, const StreamLimits& limits, int maxConnections,
+        QObject* parent = nullptr);
+    ~ApiServer() override;
 
     // Returns the port bound (useful with port 0), or 0 on failure.
     quint16 listen(const QHostAddress& address, quint16 port);

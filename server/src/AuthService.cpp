@@ -26,8 +26,7 @@ AuthService::AuthService(TokenStore& store, QByteArray signingKey, Lifetimes lif
     : m_store(store)
     , m_key(std::move(signingKey))
     , m_lifetimes(lifetimes)
-{
-}
+{ }
 
 std::optional<QByteArray> AuthService::loadOrCreateSigningKey(const QString& path, QString* error)
 {
@@ -82,7 +81,7 @@ std::optional<AuthService::TokenPair> AuthService::signIn(const QString& account
     const auto refresh = m_store.startFamily(account->id, now, m_lifetimes.refreshSeconds);
     if (!refresh)
         return std::nullopt;
-    return TokenPair{accessTokenFor(*account, now), *refresh};
+    return TokenPair { accessTokenFor(*account, now), *refresh };
 }
 
 AuthService::RefreshResult AuthService::refresh(const QString& refreshToken)
@@ -95,7 +94,7 @@ AuthService::RefreshResult AuthService::refresh(const QString& refreshToken)
     switch (rotation.outcome) {
     case TokenStore::Outcome::Rotated:
         result.outcome = RefreshOutcome::Refreshed;
-        result.tokens = TokenPair{accessTokenFor(rotation.account, now), rotation.refreshToken};
+        result.tokens = TokenPair { accessTokenFor(rotation.account, now), rotation.refreshToken };
         return result;
     case TokenStore::Outcome::Unknown:
     case TokenStore::Outcome::Expired:
@@ -158,8 +157,8 @@ int AuthService::activeSignIns(const QString& accountName)
 QString AuthService::formToken(const QString& action) const
 {
     const QByteArray stamp = QByteArray::number(nowSeconds());
-    const QByteArray mac = QMessageAuthenticationCode::hash("form:" + action.toUtf8() + ':' + stamp, m_key,
-                                                            QCryptographicHash::Sha256);
+    const QByteArray mac
+        = QMessageAuthenticationCode::hash("form:" + action.toUtf8() + ':' + stamp, m_key, QCryptographicHash::Sha256);
     return QString::fromLatin1(stamp + '.' + Jwt::base64Url(mac));
 }
 

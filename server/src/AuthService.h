@@ -10,7 +10,8 @@
 // Issues and checks the tokens the client holds: short-lived HS256 access tokens and
 // rotating opaque refresh tokens. The signing key lives in a file under the data
 // directory, created on first start and readable only by the user.
-class AuthService {
+class AuthService
+{
 public:
     struct Lifetimes {
         qint64 accessSeconds = 15 * 60;

@@ -20,11 +20,16 @@ QString toneInstruction(Tone tone)
     switch (tone) {
     case Tone::Professional:
         return u"Rewrite it in a professional tone: clear, polite and businesslike, without slang or contractions."_s;
-    case Tone::Friendly: return u"Rewrite it in a friendly, warm and casual tone."_s;
-    case Tone::Funny: return u"Rewrite it in a light, funny tone, keeping the message intact."_s;
-    case Tone::Firm: return u"Rewrite it in a firm, direct tone: no hedging, no apologies, clear requests."_s;
-    case Tone::Supportive: return u"Rewrite it in a supportive, encouraging and kind tone."_s;
-    case Tone::Concise: return u"Rewrite it as concisely as possible, keeping every fact."_s;
+    case Tone::Friendly:
+        return u"Rewrite it in a friendly, warm and casual tone."_s;
+    case Tone::Funny:
+        return u"Rewrite it in a light, funny tone, keeping the message intact."_s;
+    case Tone::Firm:
+        return u"Rewrite it in a firm, direct tone: no hedging, no apologies, clear requests."_s;
+    case Tone::Supportive:
+        return u"Rewrite it in a supportive, encouraging and kind tone."_s;
+    case Tone::Concise:
+        return u"Rewrite it as concisely as possible, keeping every fact."_s;
     }
     return {};
 }
@@ -46,8 +51,7 @@ QUrl ChatEndpoint::completionsUrl() const
 ChatTextEngine::ChatTextEngine(ChatEndpoint endpoint, TextEngine& fallback)
     : m_endpoint(std::move(endpoint))
     , m_fallback(fallback)
-{
-}
+{ }
 
 QString ChatTextEngine::name() const
 {
@@ -87,8 +91,8 @@ std::optional<QString> ChatTextEngine::replyText(const QByteArray& body)
     return text;
 }
 
-void ChatTextEngine::fallBack(const TextRequest& request, QObject* context, const std::function<void(QString)>& done,
-                              const QString& why)
+void ChatTextEngine::fallBack(
+    const TextRequest& request, QObject* context, const std::function<void(QString)>& done, const QString& why)
 {
     Log::line(Log::Kind::Warning, u"chat endpoint failed (%1); answering with the rule engine"_s.arg(why));
     m_fallback.process(request, context, done);
@@ -103,12 +107,12 @@ void ChatTextEngine::process(const TextRequest& request, QObject* context, std::
     const int timeoutMs = request.tone ? m_endpoint.rewriteTimeoutMs : m_endpoint.cleanupTimeoutMs;
     http.setTransferTimeout(timeoutMs);
 
-    const QJsonObject body{
-        {u"model"_s, m_endpoint.model},
-        {u"temperature"_s, 0.2},
-        {u"messages"_s,
-         QJsonArray{QJsonObject{{u"role"_s, u"system"_s}, {u"content"_s, instructions(request)}},
-                    QJsonObject{{u"role"_s, u"user"_s}, {u"content"_s, request.text}}}},
+    const QJsonObject body {
+        { u"model"_s, m_endpoint.model },
+        { u"temperature"_s, 0.2 },
+        { u"messages"_s,
+            QJsonArray { QJsonObject { { u"role"_s, u"system"_s }, { u"content"_s, instructions(request) } },
+                QJsonObject { { u"role"_s, u"user"_s }, { u"content"_s, request.text } } } },
     };
     QNetworkReply* reply = m_network.post(http, QJsonDocument(body).toJson(QJsonDocument::Compact));
     // The transfer timeout only measures silence; this one bounds the whole exchange.

@@ -20,7 +20,8 @@ struct ChatEndpoint {
 // Forwards clean-up and rewrite to an OpenAI-compatible chat-completions endpoint, and
 // answers with the fallback engine's text whenever the endpoint fails, times out or says
 // nothing usable. Dictionary spellings are enforced on the model's answer afterwards.
-class ChatTextEngine final : public TextEngine {
+class ChatTextEngine final : public TextEngine
+{
 public:
     ChatTextEngine(ChatEndpoint endpoint, TextEngine& fallback);
 
@@ -32,8 +33,8 @@ public:
     static std::optional<QString> replyText(const QByteArray& body);
 
 private:
-    void fallBack(const TextRequest& request, QObject* context, const std::function<void(QString)>& done,
-                  const QString& why);
+    void fallBack(
+        const TextRequest& request, QObject* context, const std::function<void(QString)>& done, const QString& why);
 
     ChatEndpoint m_endpoint;
     TextEngine& m_fallback;

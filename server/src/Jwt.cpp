@@ -31,8 +31,8 @@ bool sameBytes(const QByteArray& a, const QByteArray& b)
 
 std::optional<QJsonObject> decodeSegment(QByteArrayView segment)
 {
-    const auto decoded = QByteArray::fromBase64Encoding(segment.toByteArray(),
-                                                        urlOptions | QByteArray::AbortOnBase64DecodingErrors);
+    const auto decoded
+        = QByteArray::fromBase64Encoding(segment.toByteArray(), urlOptions | QByteArray::AbortOnBase64DecodingErrors);
     if (!decoded)
         return std::nullopt;
     QJsonParseError error;
@@ -56,14 +56,11 @@ QByteArray base64Url(const QByteArray& bytes)
 
 QByteArray sign(const Claims& claims, const QByteArray& key)
 {
-    const QJsonObject header{{u"alg"_s, u"HS256"_s}, {u"typ"_s, u"JWT"_s}};
-    const QJsonObject payload{{u"sub"_s, claims.subject},
-                              {u"iat"_s, claims.issuedAt},
-                              {u"exp"_s, claims.expiresAt},
-                              {u"gen"_s, claims.generation},
-                              {u"iss"_s, u"quillet-server"_s}};
+    const QJsonObject header { { u"alg"_s, u"HS256"_s }, { u"typ"_s, u"JWT"_s } };
+    const QJsonObject payload { { u"sub"_s, claims.subject }, { u"iat"_s, claims.issuedAt },
+        { u"exp"_s, claims.expiresAt }, { u"gen"_s, claims.generation }, { u"iss"_s, u"quillet-server"_s } };
     const QByteArray signingInput = base64Url(QJsonDocument(header).toJson(QJsonDocument::Compact)) + '.'
-                                    + base64Url(QJsonDocument(payload).toJson(QJsonDocument::Compact));
+        + base64Url(QJsonDocument(payload).toJson(QJsonDocument::Compact));
     return signingInput + '.' + base64Url(hmac(signingInput, key));
 }
 
@@ -85,8 +82,8 @@ Verification verify(QByteArrayView token, const QByteArray& key, qint64 now)
     }
 
     const QByteArrayView signingInput = token.first(secondDot);
-    const auto signature = QByteArray::fromBase64Encoding(token.sliced(secondDot + 1).toByteArray(),
-                                                          urlOptions | QByteArray::AbortOnBase64DecodingErrors);
+    const auto signature = QByteArray::fromBase64Encoding(
+        token.sliced(secondDot + 1).toByteArray(), urlOptions | QByteArray::AbortOnBase64DecodingErrors);
     if (!signature || signature.decoded.isEmpty()) {
         result.verdict = Verdict::BadSignature;
         return result;

@@ -9,8 +9,8 @@
 namespace Jwt {
 
 struct Claims {
-    QString subject;      // "sub"
-    qint64 issuedAt = 0;  // "iat", seconds since the epoch
+    QString subject; // "sub"
+    qint64 issuedAt = 0; // "iat", seconds since the epoch
     qint64 expiresAt = 0; // "exp", seconds since the epoch
     qint64 generation = 0; // "gen": bumped by "sign out everywhere" to retire live tokens
 };

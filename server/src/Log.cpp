@@ -10,16 +10,26 @@ namespace {
 const char* symbol(Kind kind)
 {
     switch (kind) {
-    case Kind::Info: return "•";
-    case Kind::Success: return "✅";
-    case Kind::Failure: return "✗";
-    case Kind::Warning: return "⚠️";
-    case Kind::Connection: return "🔌";
-    case Kind::Audio: return "🎤";
-    case Kind::End: return "🏁";
-    case Kind::Refresh: return "🔄";
-    case Kind::Key: return "🔑";
-    case Kind::Text: return "📝";
+    case Kind::Info:
+        return "•";
+    case Kind::Success:
+        return "✅";
+    case Kind::Failure:
+        return "✗";
+    case Kind::Warning:
+        return "⚠️";
+    case Kind::Connection:
+        return "🔌";
+    case Kind::Audio:
+        return "🎤";
+    case Kind::End:
+        return "🏁";
+    case Kind::Refresh:
+        return "🔄";
+    case Kind::Key:
+        return "🔑";
+    case Kind::Text:
+        return "📝";
     }
     return "•";
 }

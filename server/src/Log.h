@@ -7,16 +7,16 @@
 namespace Log {
 
 enum class Kind {
-    Info,       // "•"  configuration and start-up facts
-    Success,    // "✅" something finished well
-    Failure,    // "✗"  something failed
-    Warning,    // "⚠️" something odd that the server survived
+    Info, // "•"  configuration and start-up facts
+    Success, // "✅" something finished well
+    Failure, // "✗"  something failed
+    Warning, // "⚠️" something odd that the server survived
     Connection, // "🔌" a stream opened or closed
-    Audio,      // "🎤" speech engine events
-    End,        // "🏁" a transcript ended
-    Refresh,    // "🔄" a refresh token was rotated
-    Key,        // "🔑" sign-in, sign-out, token checks
-    Text,       // "📝" clean-up and rewrite
+    Audio, // "🎤" speech engine events
+    End, // "🏁" a transcript ended
+    Refresh, // "🔄" a refresh token was rotated
+    Key, // "🔑" sign-in, sign-out, token checks
+    Text, // "📝" clean-up and rewrite
 };
 
 void line(Kind kind, const QString& message);

@@ -28,8 +28,8 @@ QString defaultAccountName(const QProcessEnvironment& environment)
     return user.isEmpty() ? u"local"_s : user;
 }
 
-bool readInt(const QCommandLineParser& parser, const QCommandLineOption& option, qint64 min, qint64 max,
-             qint64* out, QString* error)
+bool readInt(const QCommandLineParser& parser, const QCommandLineOption& option, qint64 min, qint64 max, qint64* out,
+    QString* error)
 {
     if (!parser.isSet(option))
         return true;
@@ -56,69 +56,61 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"Quillet's local backend: streaming transcription with PocketSphinx, clean-up and rewrite, "
         "sign-in pages and tokens. With no options it serves the addresses the Quillet client expects: "
         "the API on http://127.0.0.1:8000 and the web site on http://127.0.0.1:3000."_s);
-    const QCommandLineOption help({u"h"_s, u"help"_s}, u"Show this help and exit."_s);
+    const QCommandLineOption help({ u"h"_s, u"help"_s }, u"Show this help and exit."_s);
     const QCommandLineOption version(u"version"_s, u"Show the version and exit."_s);
     const QCommandLineOption bind(u"bind"_s, u"Address to listen on (default 127.0.0.1)."_s, u"address"_s);
-    const QCommandLineOption allowRemote(
-        u"allow-non-loopback"_s,
+    const QCommandLineOption allowRemote(u"allow-non-loopback"_s,
         u"Allow --bind to name an address other machines can reach. The sign-in page signs in whoever "
         "reaches it, so only do this behind something that authenticates users."_s);
-    const QCommandLineOption apiPort(u"api-port"_s, u"Port of the API and the WebSocket (default 8000; 0 picks one)."_s,
-                                     u"port"_s);
-    const QCommandLineOption sitePort(u"site-port"_s, u"Port of the web site (default 3000; 0 picks one)."_s,
-                                      u"port"_s);
-    const QCommandLineOption dataDir(
-        u"data-dir"_s, u"Directory of the database and the signing key (default $XDG_DATA_HOME/quillet-server)."_s,
-        u"dir"_s);
-    const QCommandLineOption account(u"account-name"_s, u"Name of the local account (default: your user name)."_s,
-                                     u"name"_s);
+    const QCommandLineOption apiPort(
+        u"api-port"_s, u"Port of the API and the WebSocket (default 8000; 0 picks one)."_s, u"port"_s);
+    const QCommandLineOption sitePort(
+        u"site-port"_s, u"Port of the web site (default 3000; 0 picks one)."_s, u"port"_s);
+    const QCommandLineOption dataDir(u"data-dir"_s,
+        u"Directory of the database and the signing key (default $XDG_DATA_HOME/quillet-server)."_s, u"dir"_s);
+    const QCommandLineOption account(
+        u"account-name"_s, u"Name of the local account (default: your user name)."_s, u"name"_s);
     const QCommandLineOption speech(u"speech-engine"_s, u"Speech engine: pocketsphinx (default)."_s, u"name"_s);
-    const QCommandLineOption hmm(u"hmm"_s, u"PocketSphinx acoustic model directory (default %1)."_s.arg(model.acousticModel),
-                                 u"dir"_s);
-    const QCommandLineOption lm(u"lm"_s, u"PocketSphinx language model (default %1)."_s.arg(model.languageModel),
-                                u"file"_s);
-    const QCommandLineOption dict(u"dict"_s, u"PocketSphinx pronunciation dictionary (default %1)."_s.arg(model.dictionary),
-                                  u"file"_s);
-    const QCommandLineOption threads(u"decoder-threads"_s, u"Threads that decode speech (default: one per core)."_s,
-                                     u"n"_s);
-    const QCommandLineOption preload(
-        u"preload-decoders"_s,
-        u"Decoders built at start-up (default 1). More streams than this at once build theirs on first use, which "
-        "delays them by about a second; each decoder holds about 100 MiB."_s,
+    const QCommandLineOption hmm(
+        u"hmm"_s, u"PocketSphinx acoustic model directory (default %1)."_s.arg(model.acousticModel), u"dir"_s);
+    const QCommandLineOption lm(
+        u"lm"_s, u"PocketSphinx language model (default %1)."_s.arg(model.languageModel), u"file"_s);
+    const QCommandLineOption dict(
+        u"dict"_s, u"PocketSphinx pronunciation dictionary (default %1)."_s.arg(model.dictionary), u"file"_s);
+    const QCommandLineOption threads(
+        u"decoder-threads"_s, u"Threads that decode speech (default: one per core)."_s, u"n"_s);
+    const QCommandLineOption preload(u"preload-decoders"_s,
+        u"Decoders built at start-up (default 1). More streams than this at once build theirs on first use, a short "
+        "delay; each decoder holds about 100 MiB."_s,
         u"n"_s);
-    const QCommandLineOption maxStreams(u"max-streams"_s,
-                                        u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
-    const QCommandLineOption maxConnections(u"max-connections"_s,
-                                            u"Open WebSocket connections, signed in or not (default 64)."_s, u"n"_s);
-    const QCommandLineOption maxSeconds(u"max-stream-seconds"_s, u"Longest dictation in seconds of audio (default 300)."_s,
-                                        u"seconds"_s);
-    const QCommandLineOption authTimeout(u"auth-timeout"_s,
-                                         u"Seconds a new stream has to send its sign-in (default 10)."_s, u"seconds"_s);
-    const QCommandLineOption idleTimeout(u"idle-timeout"_s,
-                                         u"Seconds a signed-in stream may stay silent (default 30)."_s, u"seconds"_s);
-    const QCommandLineOption accessLifetime(u"access-token-lifetime"_s,
-                                            u"Lifetime of access tokens in seconds (default 900)."_s, u"seconds"_s);
-    const QCommandLineOption refreshLifetime(u"refresh-token-lifetime"_s,
-                                             u"Lifetime of refresh tokens in days (default 30)."_s, u"days"_s);
-    const QCommandLineOption text(u"text-engine"_s,
-                                  u"Clean-up and rewrite engine: rules (default) or chat (needs --chat-url)."_s,
-                                  u"name"_s);
+    const QCommandLineOption maxStreams(
+        u"max-streams"_s, u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
+    const QCommandLineOption maxConnections(
+        u"max-connections"_s, u"Open WebSocket connections, signed in or not (default 64)."_s, u"n"_s);
+    const QCommandLineOption maxSeconds(
+        u"max-stream-seconds"_s, u"Longest dictation in seconds of audio (default 300)."_s, u"seconds"_s);
+    const QCommandLineOption authTimeout(
+        u"auth-timeout"_s, u"Seconds a new stream has to send its sign-in (default 10)."_s, u"seconds"_s);
+    const QCommandLineOption idleTimeout(
+        u"idle-timeout"_s, u"Seconds a signed-in stream may stay silent (default 30)."_s, u"seconds"_s);
+    const QCommandLineOption accessLifetime(
+        u"access-token-lifetime"_s, u"Lifetime of access tokens in seconds (default 900)."_s, u"seconds"_s);
+    const QCommandLineOption refreshLifetime(
+        u"refresh-token-lifetime"_s, u"Lifetime of refresh tokens in days (default 30)."_s, u"days"_s);
+    const QCommandLineOption text(
+        u"text-engine"_s, u"Clean-up and rewrite engine: rules (default) or chat (needs --chat-url)."_s, u"name"_s);
     const QCommandLineOption chatUrl(u"chat-url"_s,
-                                     u"OpenAI-compatible endpoint, e.g. http://127.0.0.1:8080/v1; implies --text-engine chat."_s,
-                                     u"url"_s);
+        u"OpenAI-compatible endpoint, e.g. http://127.0.0.1:8080/v1; implies --text-engine chat."_s, u"url"_s);
     const QCommandLineOption chatModel(u"chat-model"_s, u"Model name sent to the chat endpoint."_s, u"name"_s);
     const QCommandLineOption chatKeyFile(
         u"chat-key-file"_s, u"File holding the chat endpoint's API key (or set QUILLET_CHAT_API_KEY)."_s, u"file"_s);
-    const QCommandLineOption chatCleanupTimeout(
-        u"chat-cleanup-timeout"_s, u"Milliseconds to wait for the chat endpoint on a clean-up (default 8000)."_s,
-        u"ms"_s);
-    const QCommandLineOption chatRewriteTimeout(
-        u"chat-rewrite-timeout"_s, u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s,
-        u"ms"_s);
-    parser.addOptions({help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
-                       threads, preload, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
-                       refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout,
-                       chatRewriteTimeout});
+    const QCommandLineOption chatCleanupTimeout(u"chat-cleanup-timeout"_s,
+        u"Milliseconds to wait for the chat endpoint on a clean-up (default 8000)."_s, u"ms"_s);
+    const QCommandLineOption chatRewriteTimeout(u"chat-rewrite-timeout"_s,
+        u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s, u"ms"_s);
+    parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
+        threads, preload, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
+        refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout, chatRewriteTimeout });
 
     auto fail = [&result](const QString& message) {
         result.action = ParsedOptions::Action::Fail;

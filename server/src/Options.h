@@ -10,7 +10,7 @@
 #include <QStringList>
 
 struct ServerOptions {
-    QHostAddress bindAddress{QHostAddress::LocalHost};
+    QHostAddress bindAddress { QHostAddress::LocalHost };
     quint16 apiPort = 8000;
     quint16 sitePort = 3000;
     QString dataDir;

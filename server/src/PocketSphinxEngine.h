@@ -12,7 +12,7 @@ struct ps_decoder_s;
 struct PocketSphinxModel {
     QString acousticModel; // directory ("-hmm")
     QString languageModel; // "-lm"
-    QString dictionary;    // "-dict"
+    QString dictionary; // "-dict"
 
     static PocketSphinxModel debianDefault();
 };
@@ -20,13 +20,14 @@ struct PocketSphinxModel {
 // PocketSphinx with one decoder per active stream. Decoders are expensive to build (the
 // dictionary alone is 130,000 words), so finished streams hand theirs back to a pool for
 // the next one. All decoding runs on the engine's own threads.
-class PocketSphinxEngine final : public SpeechEngine {
+class PocketSphinxEngine final : public SpeechEngine
+{
 public:
     PocketSphinxEngine(PocketSphinxModel model, int threads);
     ~PocketSphinxEngine() override;
 
     // Checks the model by building the first decoders (at least one); call once at
-    // start-up. Each decoder costs about 100 MiB and most of a second to build.
+    // start-up. Each decoder holds about 100 MiB.
     bool prepare(int decoders, QString* error);
 
     QString name() const override;

@@ -100,8 +100,8 @@ QString withFirstUpper(QString s)
 
 // Takes a removed piece's trailing punctuation into account: a sentence end moves to the
 // word before, a comma that would now double up with the one before disappears.
-void absorbTrail(Chunks& chunks, qsizetype before, const QString& removedTrail, const QString& removedLead,
-                 qsizetype after)
+void absorbTrail(
+    Chunks& chunks, qsizetype before, const QString& removedTrail, const QString& removedLead, qsizetype after)
 {
     if (!removedLead.isEmpty() && after < qsizetype(chunks.size()))
         chunks[after].lead.prepend(removedLead);
@@ -129,11 +129,12 @@ struct PhraseRule {
     bool exactCase = false; // dictionary terms keep their spelling even at a sentence start
 };
 
-class PhraseTable {
+class PhraseTable
+{
 public:
     PhraseTable() = default;
-    explicit PhraseTable(const std::vector<std::pair<const char16_t*, const char16_t*>>& pairs,
-                         bool sentenceStartOnly = false)
+    explicit PhraseTable(
+        const std::vector<std::pair<const char16_t*, const char16_t*>>& pairs, bool sentenceStartOnly = false)
         : m_sentenceStartOnly(sentenceStartOnly)
     {
         for (const auto& [from, to] : pairs)
@@ -149,10 +150,10 @@ public:
         for (const QString& word : from)
             lowered << key(word);
         auto& bucket = m_byFirstWord[lowered.first()];
-        bucket.push_back(PhraseRule{lowered, to, exactCase});
+        bucket.push_back(PhraseRule { lowered, to, exactCase });
         // Longest rule first, so "kind of" wins over "kind".
         std::stable_sort(bucket.begin(), bucket.end(),
-                         [](const PhraseRule& a, const PhraseRule& b) { return a.from.size() > b.from.size(); });
+            [](const PhraseRule& a, const PhraseRule& b) { return a.from.size() > b.from.size(); });
     }
 
     bool isEmpty() const { return m_byFirstWord.isEmpty(); }
@@ -240,9 +241,8 @@ private:
 
 const QSet<QString>& fillers()
 {
-    static const QSet<QString> words{u"um"_s,  u"umm"_s, u"ummm"_s, u"uh"_s,  u"uhh"_s, u"uhm"_s,
-                                     u"er"_s,  u"erm"_s, u"ah"_s,   u"ahh"_s, u"hmm"_s, u"hmmm"_s,
-                                     u"hm"_s,  u"mm"_s,  u"mmm"_s,  u"eh"_s};
+    static const QSet<QString> words { u"um"_s, u"umm"_s, u"ummm"_s, u"uh"_s, u"uhh"_s, u"uhm"_s, u"er"_s, u"erm"_s,
+        u"ah"_s, u"ahh"_s, u"hmm"_s, u"hmmm"_s, u"hm"_s, u"mm"_s, u"mmm"_s, u"eh"_s };
     return words;
 }
 
@@ -271,7 +271,7 @@ bool hasDigit(const QString& s)
 // "the the" is a stumble; "had had" and "that that" are English.
 void collapseRepeats(Chunks& chunks)
 {
-    static const QSet<QString> legitimate{u"had"_s, u"that"_s};
+    static const QSet<QString> legitimate { u"had"_s, u"that"_s };
     Chunks out;
     out.reserve(chunks.size());
     for (Chunk& chunk : chunks) {
@@ -291,7 +291,7 @@ void collapseRepeats(Chunks& chunks)
 
 void capitalise(Chunks& chunks)
 {
-    static const QSet<QString> pronounForms{u"i"_s, u"i'm"_s, u"i've"_s, u"i'll"_s, u"i'd"_s};
+    static const QSet<QString> pronounForms { u"i"_s, u"i'm"_s, u"i've"_s, u"i'll"_s, u"i'd"_s };
     bool sentenceStart = true;
     for (Chunk& chunk : chunks) {
         if (pronounForms.contains(key(chunk.core)))
@@ -367,57 +367,121 @@ using Pairs = std::vector<std::pair<const char16_t*, const char16_t*>>;
 
 const PhraseTable& expandContractions()
 {
-    static const PhraseTable table(Pairs{
-        {u"don't", u"do not"},        {u"doesn't", u"does not"},   {u"didn't", u"did not"},
-        {u"can't", u"cannot"},        {u"won't", u"will not"},     {u"isn't", u"is not"},
-        {u"aren't", u"are not"},      {u"wasn't", u"was not"},     {u"weren't", u"were not"},
-        {u"haven't", u"have not"},    {u"hasn't", u"has not"},     {u"hadn't", u"had not"},
-        {u"couldn't", u"could not"},  {u"shouldn't", u"should not"}, {u"wouldn't", u"would not"},
-        {u"i'm", u"I am"},            {u"i've", u"I have"},        {u"i'll", u"I will"},
-        {u"i'd", u"I would"},         {u"you're", u"you are"},     {u"you've", u"you have"},
-        {u"you'll", u"you will"},     {u"we're", u"we are"},       {u"we've", u"we have"},
-        {u"we'll", u"we will"},       {u"they're", u"they are"},   {u"they've", u"they have"},
-        {u"they'll", u"they will"},   {u"it's", u"it is"},         {u"that's", u"that is"},
-        {u"there's", u"there is"},    {u"what's", u"what is"},     {u"let's", u"let us"},
-        {u"he's", u"he is"},          {u"she's", u"she is"},       {u"here's", u"here is"},
+    static const PhraseTable table(Pairs {
+        { u"don't", u"do not" },
+        { u"doesn't", u"does not" },
+        { u"didn't", u"did not" },
+        { u"can't", u"cannot" },
+        { u"won't", u"will not" },
+        { u"isn't", u"is not" },
+        { u"aren't", u"are not" },
+        { u"wasn't", u"was not" },
+        { u"weren't", u"were not" },
+        { u"haven't", u"have not" },
+        { u"hasn't", u"has not" },
+        { u"hadn't", u"had not" },
+        { u"couldn't", u"could not" },
+        { u"shouldn't", u"should not" },
+        { u"wouldn't", u"would not" },
+        { u"i'm", u"I am" },
+        { u"i've", u"I have" },
+        { u"i'll", u"I will" },
+        { u"i'd", u"I would" },
+        { u"you're", u"you are" },
+        { u"you've", u"you have" },
+        { u"you'll", u"you will" },
+        { u"we're", u"we are" },
+        { u"we've", u"we have" },
+        { u"we'll", u"we will" },
+        { u"they're", u"they are" },
+        { u"they've", u"they have" },
+        { u"they'll", u"they will" },
+        { u"it's", u"it is" },
+        { u"that's", u"that is" },
+        { u"there's", u"there is" },
+        { u"what's", u"what is" },
+        { u"let's", u"let us" },
+        { u"he's", u"he is" },
+        { u"she's", u"she is" },
+        { u"here's", u"here is" },
     });
     return table;
 }
 
 const PhraseTable& contract()
 {
-    static const PhraseTable table(Pairs{
-        {u"do not", u"don't"},     {u"does not", u"doesn't"}, {u"did not", u"didn't"},
-        {u"cannot", u"can't"},     {u"can not", u"can't"},    {u"will not", u"won't"},
-        {u"is not", u"isn't"},     {u"are not", u"aren't"},   {u"was not", u"wasn't"},
-        {u"were not", u"weren't"}, {u"i am", u"I'm"},         {u"i will", u"I'll"},
-        {u"you are", u"you're"},   {u"we are", u"we're"},     {u"they are", u"they're"},
-        {u"it is", u"it's"},       {u"that is", u"that's"},   {u"let us", u"let's"},
-        {u"we will", u"we'll"},    {u"you will", u"you'll"},  {u"they will", u"they'll"},
+    static const PhraseTable table(Pairs {
+        { u"do not", u"don't" },
+        { u"does not", u"doesn't" },
+        { u"did not", u"didn't" },
+        { u"cannot", u"can't" },
+        { u"can not", u"can't" },
+        { u"will not", u"won't" },
+        { u"is not", u"isn't" },
+        { u"are not", u"aren't" },
+        { u"was not", u"wasn't" },
+        { u"were not", u"weren't" },
+        { u"i am", u"I'm" },
+        { u"i will", u"I'll" },
+        { u"you are", u"you're" },
+        { u"we are", u"we're" },
+        { u"they are", u"they're" },
+        { u"it is", u"it's" },
+        { u"that is", u"that's" },
+        { u"let us", u"let's" },
+        { u"we will", u"we'll" },
+        { u"you will", u"you'll" },
+        { u"they will", u"they'll" },
     });
     return table;
 }
 
 const PhraseTable& professionalWords()
 {
-    static const PhraseTable table(Pairs{
-        {u"gonna", u"going to"}, {u"wanna", u"want to"},    {u"gotta", u"have to"},      {u"kinda", u"somewhat"},
-        {u"sorta", u"somewhat"}, {u"yeah", u"yes"},         {u"yep", u"yes"},            {u"yup", u"yes"},
-        {u"nope", u"no"},        {u"nah", u"no"},           {u"hey", u"hello"},          {u"guys", u"everyone"},
-        {u"awesome", u"excellent"}, {u"ok", u"okay"},       {u"thanks", u"thank you"},   {u"you know", u""},
-        {u"i mean", u""},        {u"basically", u""},       {u"literally", u""},
+    static const PhraseTable table(Pairs {
+        { u"gonna", u"going to" },
+        { u"wanna", u"want to" },
+        { u"gotta", u"have to" },
+        { u"kinda", u"somewhat" },
+        { u"sorta", u"somewhat" },
+        { u"yeah", u"yes" },
+        { u"yep", u"yes" },
+        { u"yup", u"yes" },
+        { u"nope", u"no" },
+        { u"nah", u"no" },
+        { u"hey", u"hello" },
+        { u"guys", u"everyone" },
+        { u"awesome", u"excellent" },
+        { u"ok", u"okay" },
+        { u"thanks", u"thank you" },
+        { u"you know", u"" },
+        { u"i mean", u"" },
+        { u"basically", u"" },
+        { u"literally", u"" },
     });
     return table;
 }
 
 const PhraseTable& hedges()
 {
-    static const PhraseTable table(Pairs{
-        {u"i think", u""},     {u"i guess", u""},      {u"i feel like", u""},      {u"i suppose", u""},
-        {u"maybe", u""},       {u"perhaps", u""},      {u"possibly", u""},         {u"just", u""},
-        {u"kind of", u""},     {u"sort of", u""},      {u"kinda", u""},            {u"sorta", u""},
-        {u"hopefully", u""},   {u"if possible", u""},  {u"if you don't mind", u""}, {u"if that's okay", u""},
-        {u"if that's ok", u""},
+    static const PhraseTable table(Pairs {
+        { u"i think", u"" },
+        { u"i guess", u"" },
+        { u"i feel like", u"" },
+        { u"i suppose", u"" },
+        { u"maybe", u"" },
+        { u"perhaps", u"" },
+        { u"possibly", u"" },
+        { u"just", u"" },
+        { u"kind of", u"" },
+        { u"sort of", u"" },
+        { u"kinda", u"" },
+        { u"sorta", u"" },
+        { u"hopefully", u"" },
+        { u"if possible", u"" },
+        { u"if you don't mind", u"" },
+        { u"if that's okay", u"" },
+        { u"if that's ok", u"" },
     });
     return table;
 }
@@ -425,62 +489,75 @@ const PhraseTable& hedges()
 // Only at the start of a sentence: "how can you say that" is not a request.
 const PhraseTable& firmRequests()
 {
-    static const PhraseTable table(Pairs{
-        {u"could you please", u"please"}, {u"can you please", u"please"}, {u"would you please", u"please"},
-        {u"would you mind", u"please"},   {u"could you", u"please"},       {u"can you", u"please"},
-        {u"would you", u"please"},        {u"i would like you to", u"I need you to"},
-        {u"i'd like you to", u"I need you to"},
-    }, true);
+    static const PhraseTable table(
+        Pairs {
+            { u"could you please", u"please" },
+            { u"can you please", u"please" },
+            { u"would you please", u"please" },
+            { u"would you mind", u"please" },
+            { u"could you", u"please" },
+            { u"can you", u"please" },
+            { u"would you", u"please" },
+            { u"i would like you to", u"I need you to" },
+            { u"i'd like you to", u"I need you to" },
+        },
+        true);
     return table;
 }
 
 const PhraseTable& firmWords()
 {
-    static const PhraseTable table(Pairs{{u"try to", u""}, {u"please try to", u"please"}});
+    static const PhraseTable table(Pairs { { u"try to", u"" }, { u"please try to", u"please" } });
     return table;
 }
 
 const PhraseTable& supportiveWords()
 {
-    static const PhraseTable table(Pairs{
-        {u"you must", u"it would help to"}, {u"you have to", u"it would help to"}, {u"you should", u"you could"},
-        {u"wrong", u"not quite right"},     {u"failed", u"didn't work out"},      {u"failure", u"setback"},
-        {u"problem", u"challenge"},         {u"problems", u"challenges"},         {u"mistake", u"slip"},
-        {u"mistakes", u"slips"},
+    static const PhraseTable table(Pairs {
+        { u"you must", u"it would help to" },
+        { u"you have to", u"it would help to" },
+        { u"you should", u"you could" },
+        { u"wrong", u"not quite right" },
+        { u"failed", u"didn't work out" },
+        { u"failure", u"setback" },
+        { u"problem", u"challenge" },
+        { u"problems", u"challenges" },
+        { u"mistake", u"slip" },
+        { u"mistakes", u"slips" },
     });
     return table;
 }
 
 const PhraseTable& conciseWords()
 {
-    static const PhraseTable table(Pairs{
-        {u"in order to", u"to"},
-        {u"due to the fact that", u"because"},
-        {u"in spite of the fact that", u"although"},
-        {u"at this point in time", u"now"},
-        {u"at the present time", u"now"},
-        {u"in the event that", u"if"},
-        {u"for the purpose of", u"for"},
-        {u"with regard to", u"about"},
-        {u"with regards to", u"about"},
-        {u"a large number of", u"many"},
-        {u"is able to", u"can"},
-        {u"are able to", u"can"},
-        {u"please note that", u""},
-        {u"it is important to note that", u""},
-        {u"i just wanted to say that", u""},
-        {u"i wanted to say that", u""},
-        {u"really", u""},
-        {u"very", u""},
-        {u"actually", u""},
-        {u"basically", u""},
-        {u"literally", u""},
-        {u"totally", u""},
-        {u"quite", u""},
-        {u"simply", u""},
-        {u"honestly", u""},
-        {u"you know", u""},
-        {u"i mean", u""},
+    static const PhraseTable table(Pairs {
+        { u"in order to", u"to" },
+        { u"due to the fact that", u"because" },
+        { u"in spite of the fact that", u"although" },
+        { u"at this point in time", u"now" },
+        { u"at the present time", u"now" },
+        { u"in the event that", u"if" },
+        { u"for the purpose of", u"for" },
+        { u"with regard to", u"about" },
+        { u"with regards to", u"about" },
+        { u"a large number of", u"many" },
+        { u"is able to", u"can" },
+        { u"are able to", u"can" },
+        { u"please note that", u"" },
+        { u"it is important to note that", u"" },
+        { u"i just wanted to say that", u"" },
+        { u"i wanted to say that", u"" },
+        { u"really", u"" },
+        { u"very", u"" },
+        { u"actually", u"" },
+        { u"basically", u"" },
+        { u"literally", u"" },
+        { u"totally", u"" },
+        { u"quite", u"" },
+        { u"simply", u"" },
+        { u"honestly", u"" },
+        { u"you know", u"" },
+        { u"i mean", u"" },
     });
     return table;
 }
@@ -531,7 +608,7 @@ QString exclaimLastSentence(QString text)
 
 QString funnyTagLine(const QString& text)
 {
-    static const QStringList lines{
+    static const QStringList lines {
         u"(No keyboards were harmed in the making of this message.)"_s,
         u"(Dictated out loud, so imagine it with dramatic hand gestures.)"_s,
         u"(Typed by voice, because my fingers asked for the day off.)"_s,
@@ -598,7 +675,8 @@ QString RuleTextEngine::rewrite(const QString& text, Tone tone, const QStringLis
     }
     case Tone::Friendly: {
         contract().apply(chunks);
-        static const PhraseTable warm(Pairs{{u"hello", u"hi"}, {u"greetings", u"hi"}, {u"regards", u"cheers"}});
+        static const PhraseTable warm(
+            Pairs { { u"hello", u"hi" }, { u"greetings", u"hi" }, { u"regards", u"cheers" } });
         warm.apply(chunks);
         return exclaimLastSentence(finish(std::move(chunks), dictionary));
     }

@@ -5,7 +5,8 @@
 // Deterministic clean-up and tone rewriting with word lists and phrase tables: no model,
 // no network, well under a millisecond for a paragraph. Each tone's rules are described in
 // server/README.md; they are rules, not understanding, and read that way.
-class RuleTextEngine final : public TextEngine {
+class RuleTextEngine final : public TextEngine
+{
 public:
     QString name() const override;
     void process(const TextRequest& request, QObject* context, std::function<void(QString)> done) override;

@@ -12,8 +12,7 @@ constexpr int jobsPerTurn = 8;
 
 SerialQueue::SerialQueue(QThreadPool& pool)
     : m_pool(pool)
-{
-}
+{ }
 
 void SerialQueue::post(std::function<void()> job)
 {

@@ -9,7 +9,8 @@ class QThreadPool;
 
 // Runs the jobs posted to it one after another, in order, on a shared thread pool: one
 // stream's decoding never runs on two threads at once, and many streams share few threads.
-class SerialQueue : public std::enable_shared_from_this<SerialQueue> {
+class SerialQueue : public std::enable_shared_from_this<SerialQueue>
+{
 public:
     explicit SerialQueue(QThreadPool& pool);
     void post(std::function<void()> job);

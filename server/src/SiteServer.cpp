@@ -31,20 +31,20 @@ a { color: #4f46e5; }
     return css;
 }
 
-QHttpServerResponse page(const QString& title, const QString& body, Status status = Status::Ok,
-                         const QString& extraHead = {})
+QHttpServerResponse page(
+    const QString& title, const QString& body, Status status = Status::Ok, const QString& extraHead = {})
 {
     const QString html = u"<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
                          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"_s
-                         + extraHead + u"<title>"_s + title.toHtmlEscaped() + u" · Quillet</title><style>"_s
-                         + styleSheet() + u"</style></head><body><main>"_s + body + u"</main></body></html>\n"_s;
+        + extraHead + u"<title>"_s + title.toHtmlEscaped() + u" · Quillet</title><style>"_s + styleSheet()
+        + u"</style></head><body><main>"_s + body + u"</main></body></html>\n"_s;
     QHttpServerResponse response("text/html; charset=utf-8", html.toUtf8(), status);
     // Pages may carry tokens or form tokens: keep them out of caches, frames and referrers.
     response.addHeader("Cache-Control", "no-store");
     response.addHeader("Referrer-Policy", "no-referrer");
     response.addHeader("X-Frame-Options", "DENY");
     response.addHeader("Content-Security-Policy",
-                       "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'; frame-ancestors 'none'");
+        "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'; frame-ancestors 'none'");
     return response;
 }
 
@@ -79,11 +79,10 @@ SiteServer::SiteServer(AuthService& auth, QString accountName, const QHostAddres
     : QObject(parent)
     , m_auth(auth)
     , m_accountName(std::move(accountName))
-    , m_allowedHosts{u"127.0.0.1"_s, u"localhost"_s, u"[::1]"_s}
+    , m_allowedHosts { u"127.0.0.1"_s, u"localhost"_s, u"[::1]"_s }
 {
-    const QString bound = bindAddress.protocol() == QAbstractSocket::IPv6Protocol
-                              ? u'[' + bindAddress.toString() + u']'
-                              : bindAddress.toString();
+    const QString bound = bindAddress.protocol() == QAbstractSocket::IPv6Protocol ? u'[' + bindAddress.toString() + u']'
+                                                                                  : bindAddress.toString();
     if (!m_allowedHosts.contains(bound))
         m_allowedHosts << bound;
     addRoutes();
@@ -131,112 +130,112 @@ void SiteServer::addRoutes()
         return response;
     });
     m_http.route(u"/signin"_s, QHttpServerRequest::Method::Get,
-                 [this](const QHttpServerRequest& request) { return signInPage(request); });
+        [this](const QHttpServerRequest& request) { return signInPage(request); });
     m_http.route(u"/signin"_s, QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest& request) { return signIn(request); });
+        [this](const QHttpServerRequest& request) { return signIn(request); });
     m_http.route(u"/account"_s, QHttpServerRequest::Method::Get,
-                 [this](const QHttpServerRequest& request) { return accountPage(request); });
+        [this](const QHttpServerRequest& request) { return accountPage(request); });
     m_http.route(u"/account/sign-out-everywhere"_s, QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest& request) { return signOutEverywhere(request); });
+        [this](const QHttpServerRequest& request) { return signOutEverywhere(request); });
 }
 
 QHttpServerResponse SiteServer::signInPage(const QHttpServerRequest& request)
 {
     if (!trustedRequest(request, false))
-        return QHttpServerResponse("text/plain", "This page only answers on this computer's own address.\n",
-                                   Status::Forbidden);
+        return QHttpServerResponse(
+            "text/plain", "This page only answers on this computer's own address.\n", Status::Forbidden);
     const QString source = request.query().queryItemValue(u"source"_s, QUrl::FullyDecoded);
-    const QString body =
-        u"<h1>Sign in to Quillet</h1>"
-        "<p>This computer runs Quillet's own server, so dictation works without an internet connection. "
-        "Sign in as <strong>%1</strong> and Quillet opens with your account.</p>"
-        "<form method=\"post\" action=\"/signin\">"
-        "<input type=\"hidden\" name=\"form\" value=\"%2\">"
-        "<input type=\"hidden\" name=\"source\" value=\"%3\">"
-        "<button type=\"submit\">Sign in on this computer</button></form>"
-        "<p class=\"muted\">Your account lives on this computer only. <a href=\"/account\">Account</a></p>"_s.arg(
-            m_accountName.toHtmlEscaped(), m_auth.formToken(u"signin"_s), source.toHtmlEscaped());
+    const QString body
+        = u"<h1>Sign in to Quillet</h1>"
+          "<p>This computer runs Quillet's own server, so dictation works without an internet connection. "
+          "Sign in as <strong>%1</strong> and Quillet opens with your account.</p>"
+          "<form method=\"post\" action=\"/signin\">"
+          "<input type=\"hidden\" name=\"form\" value=\"%2\">"
+          "<input type=\"hidden\" name=\"source\" value=\"%3\">"
+          "<button type=\"submit\">Sign in on this computer</button></form>"
+          "<p class=\"muted\">Your account lives on this computer only. <a href=\"/account\">Account</a></p>"_s.arg(
+              m_accountName.toHtmlEscaped(), m_auth.formToken(u"signin"_s), source.toHtmlEscaped());
     return page(u"Sign in"_s, body);
 }
 
 QHttpServerResponse SiteServer::signIn(const QHttpServerRequest& request)
 {
     if (!trustedRequest(request, true))
-        return QHttpServerResponse("text/plain", "Sign-in only works from this computer's own pages.\n",
-                                   Status::Forbidden);
+        return QHttpServerResponse(
+            "text/plain", "Sign-in only works from this computer's own pages.\n", Status::Forbidden);
     const QUrlQuery form = formFields(request);
     const QString source = field(form, u"source"_s);
     if (!m_auth.checkFormToken(u"signin"_s, field(form, u"form"_s))) {
         Log::line(Log::Kind::Failure, u"sign-in refused: stale or missing form token"_s);
         const QString again = u"/signin?source="_s + QString::fromLatin1(QUrl::toPercentEncoding(source));
         return page(u"Sign in"_s,
-                    u"<h1>Let's try that again</h1><p>This sign-in page was open for too long.</p>"
-                    "<a class=\"button\" href=\"%1\">Back to sign-in</a>"_s.arg(again.toHtmlEscaped()),
-                    Status::Forbidden);
+            u"<h1>Let's try that again</h1><p>This sign-in page was open for too long.</p>"
+            "<a class=\"button\" href=\"%1\">Back to sign-in</a>"_s.arg(again.toHtmlEscaped()),
+            Status::Forbidden);
     }
     const auto tokens = m_auth.signIn(m_accountName);
     if (!tokens) {
         Log::line(Log::Kind::Failure, u"sign-in failed: database error"_s);
-        return page(u"Sign in"_s, u"<h1>Something went wrong</h1><p>The server could not sign you in. "
-                                  "Its log says why.</p>"_s,
-                    Status::InternalServerError);
+        return page(u"Sign in"_s,
+            u"<h1>Something went wrong</h1><p>The server could not sign you in. "
+            "Its log says why.</p>"_s,
+            Status::InternalServerError);
     }
-    Log::line(Log::Kind::Key, u"signed in %1 (source %2)"_s.arg(m_accountName,
-                                                                  source.isEmpty() ? u"none"_s : source));
+    Log::line(Log::Kind::Key, u"signed in %1 (source %2)"_s.arg(m_accountName, source.isEmpty() ? u"none"_s : source));
     const QString link = deepLink(tokens->accessToken, tokens->refreshToken).toHtmlEscaped();
     // The refresh opens the desktop client at once; the link is there for browsers that
     // ask first or refuse to follow a refresh into another application.
     const QString head = u"<meta http-equiv=\"refresh\" content=\"0;url=%1\">"_s.arg(link);
-    const QString body = u"<h1>You're signed in</h1>"
-                         "<p>Quillet should open now and finish signing in.</p>"
-                         "<a class=\"button\" id=\"open-app\" href=\"%1\">Open Quillet</a>"
-                         "<p class=\"muted\" style=\"margin-top:1.25rem\">You can close this tab afterwards.</p>"_s.arg(
-                             link);
+    const QString body
+        = u"<h1>You're signed in</h1>"
+          "<p>Quillet should open now and finish signing in.</p>"
+          "<a class=\"button\" id=\"open-app\" href=\"%1\">Open Quillet</a>"
+          "<p class=\"muted\" style=\"margin-top:1.25rem\">You can close this tab afterwards.</p>"_s.arg(link);
     return page(u"Signed in"_s, body, Status::Ok, head);
 }
 
 QHttpServerResponse SiteServer::accountPage(const QHttpServerRequest& request)
 {
     if (!trustedRequest(request, false))
-        return QHttpServerResponse("text/plain", "This page only answers on this computer's own address.\n",
-                                   Status::Forbidden);
+        return QHttpServerResponse(
+            "text/plain", "This page only answers on this computer's own address.\n", Status::Forbidden);
     const int active = m_auth.activeSignIns(m_accountName);
-    const QString sessions = active < 0    ? u"The server could not count your sign-ins."_s
-                             : active == 1 ? u"Quillet is signed in once."_s
-                                           : u"Quillet is signed in %1 times."_s.arg(active);
-    const QString body =
-        u"<h1>Your account</h1>"
-        "<p>Signed in on this computer as <strong>%1</strong>. %2</p>"
-        "<form method=\"post\" action=\"/account/sign-out-everywhere\">"
-        "<input type=\"hidden\" name=\"form\" value=\"%3\">"
-        "<button class=\"danger\" type=\"submit\">Sign out everywhere</button></form>"
-        "<p class=\"muted\" style=\"margin-top:1.25rem\">Signing out everywhere ends every Quillet sign-in at once; "
-        "each app asks you to sign in again.</p>"_s.arg(m_accountName.toHtmlEscaped(), sessions,
-                                                        m_auth.formToken(u"signout"_s));
+    const QString sessions = active < 0 ? u"The server could not count your sign-ins."_s
+        : active == 1                   ? u"Quillet is signed in once."_s
+                                        : u"Quillet is signed in %1 times."_s.arg(active);
+    const QString body
+        = u"<h1>Your account</h1>"
+          "<p>Signed in on this computer as <strong>%1</strong>. %2</p>"
+          "<form method=\"post\" action=\"/account/sign-out-everywhere\">"
+          "<input type=\"hidden\" name=\"form\" value=\"%3\">"
+          "<button class=\"danger\" type=\"submit\">Sign out everywhere</button></form>"
+          "<p class=\"muted\" style=\"margin-top:1.25rem\">Signing out everywhere ends every Quillet sign-in at once; "
+          "each app asks you to sign in again.</p>"_s.arg(
+              m_accountName.toHtmlEscaped(), sessions, m_auth.formToken(u"signout"_s));
     return page(u"Account"_s, body);
 }
 
 QHttpServerResponse SiteServer::signOutEverywhere(const QHttpServerRequest& request)
 {
     if (!trustedRequest(request, true))
-        return QHttpServerResponse("text/plain", "Sign-out only works from this computer's own pages.\n",
-                                   Status::Forbidden);
+        return QHttpServerResponse(
+            "text/plain", "Sign-out only works from this computer's own pages.\n", Status::Forbidden);
     const QUrlQuery form = formFields(request);
     if (!m_auth.checkFormToken(u"signout"_s, field(form, u"form"_s))) {
         return page(u"Account"_s,
-                    u"<h1>Let's try that again</h1><p>This page was open for too long.</p>"
-                    "<a class=\"button\" href=\"/account\">Back to your account</a>"_s,
-                    Status::Forbidden);
+            u"<h1>Let's try that again</h1><p>This page was open for too long.</p>"
+            "<a class=\"button\" href=\"/account\">Back to your account</a>"_s,
+            Status::Forbidden);
     }
     const int ended = m_auth.signOutEverywhere(m_accountName);
     if (ended < 0) {
         Log::line(Log::Kind::Failure, u"sign-out everywhere failed: database error"_s);
         return page(u"Account"_s, u"<h1>Something went wrong</h1><p>The server could not sign you out.</p>"_s,
-                    Status::InternalServerError);
+            Status::InternalServerError);
     }
     Log::line(Log::Kind::Key, u"signed out everywhere: %1 sign-ins ended for %2"_s.arg(ended).arg(m_accountName));
     return page(u"Signed out"_s,
-                u"<h1>Signed out everywhere</h1><p>Every Quillet sign-in has ended. "
-                "Sign in again from the app when you want to dictate.</p>"
-                "<a class=\"button\" href=\"/signin?source=mac-app\">Sign in again</a>"_s);
+        u"<h1>Signed out everywhere</h1><p>Every Quillet sign-in has ended. "
+        "Sign in again from the app when you want to dictate.</p>"
+        "<a class=\"button\" href=\"/signin?source=mac-app\">Sign in again</a>"_s);
 }

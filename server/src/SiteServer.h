@@ -9,7 +9,8 @@ class AuthService;
 // The web site: a sign-in page whose button hands fresh tokens to the desktop client
 // through its quillet://auth deep link, and an account page that can sign out everywhere.
 // Plain HTML forms, no JavaScript.
-class SiteServer final : public QObject {
+class SiteServer final : public QObject
+{
     Q_OBJECT
 public:
     SiteServer(AuthService& auth, QString accountName, const QHostAddress& bindAddress, QObject* parent = nullptr);

@@ -9,7 +9,8 @@ class QObject;
 
 // Receives one stream's results, always on the thread of the context object that was
 // given to SpeechEngine::open(), and never after the stream has been destroyed.
-class SpeechSink {
+class SpeechSink
+{
 public:
     virtual void speechPartial(const QString& text) = 0;
     virtual void speechFinal(const QString& text) = 0;
@@ -23,7 +24,8 @@ protected:
 
 // One utterance stream. Both calls return at once; decoding happens elsewhere.
 // Destroying the stream cancels whatever is still queued for it.
-class SpeechStream {
+class SpeechStream
+{
 public:
     virtual ~SpeechStream() = default;
     // 16 kHz mono signed 16-bit little-endian samples.
@@ -33,7 +35,8 @@ public:
 };
 
 // The seam between the transcription stream and a recogniser.
-class SpeechEngine {
+class SpeechEngine
+{
 public:
     virtual ~SpeechEngine() = default;
     virtual QString name() const = 0;

@@ -10,19 +10,32 @@ namespace StreamProtocol {
 QString code(Error error)
 {
     switch (error) {
-    case Error::AuthTimeout: return u"AUTH_TIMEOUT"_s;
-    case Error::AuthRequired: return u"AUTH_REQUIRED"_s;
-    case Error::InvalidToken: return u"INVALID_TOKEN"_s;
-    case Error::TokenExpired: return u"TOKEN_EXPIRED"_s;
-    case Error::TokenRevoked: return u"TOKEN_REVOKED"_s;
-    case Error::InvalidJson: return u"INVALID_JSON"_s;
-    case Error::InvalidMessage: return u"INVALID_MESSAGE"_s;
-    case Error::InvalidAudio: return u"INVALID_AUDIO"_s;
-    case Error::MessageTooLarge: return u"MESSAGE_TOO_LARGE"_s;
-    case Error::StreamTooLong: return u"STREAM_TOO_LONG"_s;
-    case Error::IdleTimeout: return u"IDLE_TIMEOUT"_s;
-    case Error::ServerBusy: return u"SERVER_BUSY"_s;
-    case Error::EngineError: return u"ENGINE_ERROR"_s;
+    case Error::AuthTimeout:
+        return u"AUTH_TIMEOUT"_s;
+    case Error::AuthRequired:
+        return u"AUTH_REQUIRED"_s;
+    case Error::InvalidToken:
+        return u"INVALID_TOKEN"_s;
+    case Error::TokenExpired:
+        return u"TOKEN_EXPIRED"_s;
+    case Error::TokenRevoked:
+        return u"TOKEN_REVOKED"_s;
+    case Error::InvalidJson:
+        return u"INVALID_JSON"_s;
+    case Error::InvalidMessage:
+        return u"INVALID_MESSAGE"_s;
+    case Error::InvalidAudio:
+        return u"INVALID_AUDIO"_s;
+    case Error::MessageTooLarge:
+        return u"MESSAGE_TOO_LARGE"_s;
+    case Error::StreamTooLong:
+        return u"STREAM_TOO_LONG"_s;
+    case Error::IdleTimeout:
+        return u"IDLE_TIMEOUT"_s;
+    case Error::ServerBusy:
+        return u"SERVER_BUSY"_s;
+    case Error::EngineError:
+        return u"ENGINE_ERROR"_s;
     }
     return u"UNKNOWN"_s;
 }
@@ -100,17 +113,17 @@ QByteArray compact(const QJsonObject& object)
 
 QByteArray partialMessage(const QString& text)
 {
-    return compact({{u"type"_s, u"partial"_s}, {u"text"_s, text}});
+    return compact({ { u"type"_s, u"partial"_s }, { u"text"_s, text } });
 }
 
 QByteArray finalMessage(const QString& text)
 {
-    return compact({{u"type"_s, u"final"_s}, {u"text"_s, text}});
+    return compact({ { u"type"_s, u"final"_s }, { u"text"_s, text } });
 }
 
 QByteArray errorMessage(Error error, const QString& message)
 {
-    return compact({{u"type"_s, u"error"_s}, {u"code"_s, code(error)}, {u"message"_s, message}});
+    return compact({ { u"type"_s, u"error"_s }, { u"code"_s, code(error) }, { u"message"_s, message } });
 }
 
 } // namespace StreamProtocol

@@ -29,7 +29,7 @@ QString code(Error error);
 struct ClientMessage {
     enum class Kind { Auth, Audio, Stop };
     Kind kind = Kind::Stop;
-    QString token;         // auth
+    QString token; // auth
     QByteArray audioBase64; // audio
 };
 
@@ -37,7 +37,7 @@ struct Parsed {
     bool ok = false;
     ClientMessage message;
     Error error = Error::InvalidMessage; // when !ok
-    QString detail;                      // for the log, never shown to users
+    QString detail; // for the log, never shown to users
 };
 
 Parsed parse(QByteArrayView utf8);

@@ -24,7 +24,7 @@ QString durationText(qint64 seconds)
 } // namespace
 
 StreamSession::StreamSession(quint64 id, std::unique_ptr<QWebSocket> socket, AuthService& auth, SpeechEngine& engine,
-                             StreamCounter& counter, const StreamLimits& limits, QObject* parent)
+    StreamCounter& counter, const StreamLimits& limits, QObject* parent)
     : QObject(parent)
     , m_id(id)
     , m_socket(std::move(socket))
@@ -55,7 +55,7 @@ StreamSession::StreamSession(quint64 id, std::unique_ptr<QWebSocket> socket, Aut
     connect(&m_idleTimer, &QTimer::timeout, this, [this] {
         if (m_state == State::Streaming)
             fail(Error::IdleTimeout,
-                 u"No audio arrived for %1. Try again."_s.arg(durationText(m_limits.idleTimeoutMs / 1000)));
+                u"No audio arrived for %1. Try again."_s.arg(durationText(m_limits.idleTimeoutMs / 1000)));
     });
 
     m_closeGuard.setSingleShot(true);
@@ -80,7 +80,7 @@ StreamSession::~StreamSession()
 void StreamSession::refuseBusy()
 {
     fail(Error::ServerBusy, u"The server is busy with other dictations. Try again in a moment."_s,
-         u"too many open connections"_s);
+        u"too many open connections"_s);
 }
 
 void StreamSession::onText(const QString& message)
@@ -100,7 +100,7 @@ void StreamSession::onMessage(const QByteArray& utf8)
         return; // audio that raced the stop message, or anything after an error
     if (utf8.size() > m_limits.maxMessageBytes) {
         fail(Error::MessageTooLarge, u"A message to the server was larger than 1 MiB. Try again."_s,
-             u"%1 bytes"_s.arg(utf8.size()));
+            u"%1 bytes"_s.arg(utf8.size()));
         return;
     }
     const StreamProtocol::Parsed parsed = StreamProtocol::parse(utf8);
@@ -117,7 +117,7 @@ void StreamSession::onMessage(const QByteArray& utf8)
             return;
         default:
             fail(Error::InvalidMessage, u"The server did not understand a message from Quillet. Try again."_s,
-                 parsed.detail);
+                parsed.detail);
             return;
         }
     }
@@ -161,12 +161,12 @@ void StreamSession::handleAuth(const QString& token)
     case AuthService::AccessCheck::Malformed:
     case AuthService::AccessCheck::BadSignature:
         fail(Error::InvalidToken, u"Your sign-in is not valid here. Sign in to Quillet again."_s,
-             access.check == AuthService::AccessCheck::Malformed ? u"malformed token"_s : u"bad signature"_s);
+            access.check == AuthService::AccessCheck::Malformed ? u"malformed token"_s : u"bad signature"_s);
         return;
     }
     if (!m_counter.tryAcquire()) {
         fail(Error::ServerBusy, u"The server is busy with other dictations. Try again in a moment."_s,
-             u"%1 streams already decoding"_s.arg(m_counter.active()));
+            u"%1 streams already decoding"_s.arg(m_counter.active()));
         return;
     }
     m_holdsSlot = true;
@@ -183,13 +183,13 @@ void StreamSession::handleAudio(const QByteArray& base64)
     QByteArray pcm;
     if (!StreamProtocol::decodeAudio(base64, &pcm)) {
         fail(Error::InvalidAudio, u"The server could not decode the audio. Try again."_s,
-             u"bad base64 or odd byte count"_s);
+            u"bad base64 or odd byte count"_s);
         return;
     }
     m_samples += pcm.size() / 2;
     if (m_samples > m_limits.maxStreamSeconds * sampleRate) {
         fail(Error::StreamTooLong,
-             u"Dictations are limited to %1. Release the key sooner."_s.arg(durationText(m_limits.maxStreamSeconds)));
+            u"Dictations are limited to %1. Release the key sooner."_s.arg(durationText(m_limits.maxStreamSeconds)));
         return;
     }
     if (!pcm.isEmpty())
@@ -225,12 +225,12 @@ void StreamSession::speechFinished()
     if (m_state != State::Finishing)
         return;
     releaseEngine();
-    Log::line(Log::Kind::End, u"stream %1 finished: %2 s of audio, %3 partials, %4 finals, closed %5 ms after stop"_s
-                                  .arg(m_id)
-                                  .arg(double(m_samples) / sampleRate, 0, 'f', 1)
-                                  .arg(m_partials)
-                                  .arg(m_finals)
-                                  .arg(m_sinceStop.elapsed()));
+    Log::line(Log::Kind::End,
+        u"stream %1 finished: %2 s of audio, %3 partials, %4 finals, closed %5 ms after stop"_s.arg(m_id)
+            .arg(double(m_samples) / sampleRate, 0, 'f', 1)
+            .arg(m_partials)
+            .arg(m_finals)
+            .arg(m_sinceStop.elapsed()));
     closeSocket(QWebSocketProtocol::CloseCodeNormal, QString());
 }
 
@@ -243,9 +243,10 @@ void StreamSession::fail(Error error, const QString& message, const QString& det
 {
     if (m_state == State::Closing)
         return;
-    Log::line(Log::Kind::Failure, u"stream %1 error %2%3"_s.arg(m_id)
-                                      .arg(StreamProtocol::code(error))
-                                      .arg(detail.isEmpty() ? QString() : u" ("_s + detail + u')'));
+    Log::line(Log::Kind::Failure,
+        u"stream %1 error %2%3"_s.arg(m_id)
+            .arg(StreamProtocol::code(error))
+            .arg(detail.isEmpty() ? QString() : u" ("_s + detail + u')'));
     releaseEngine();
     m_socket->sendTextMessage(QString::fromUtf8(StreamProtocol::errorMessage(error, message)));
     // 1013 ("try again later") would suit SERVER_BUSY, but Qt's own peers reject codes

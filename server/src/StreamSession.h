@@ -21,12 +21,12 @@ struct StreamLimits {
 };
 
 // Counts the streams that hold a decoder right now, against the configured limit.
-class StreamCounter {
+class StreamCounter
+{
 public:
     explicit StreamCounter(int limit)
         : m_limit(limit)
-    {
-    }
+    { }
     bool tryAcquire()
     {
         if (m_active >= m_limit)
@@ -46,11 +46,12 @@ private:
 // One client's transcription stream: authenticate in-band, feed audio to the speech engine,
 // pass partials and finals back, and close with 1000 after the last final of "stop".
 // Any protocol failure sends one error message and closes; nothing here ever blocks.
-class StreamSession final : public QObject, private SpeechSink {
+class StreamSession final : public QObject, private SpeechSink
+{
     Q_OBJECT
 public:
     StreamSession(quint64 id, std::unique_ptr<QWebSocket> socket, AuthService& auth, SpeechEngine& engine,
-                  StreamCounter& counter, const StreamLimits& limits, QObject* parent = nullptr);
+        StreamCounter& counter, const StreamLimits& limits, QObject* parent = nullptr);
     ~StreamSession() override;
 
     // Refuses the connection at once (too many open connections).

@@ -20,7 +20,8 @@ struct TextRequest {
 // The seam behind POST /cleanup and POST /rewrite. An engine answers exactly once through
 // `done`, on the thread of `context`, unless `context` is destroyed first. It never fails:
 // an engine that cannot reach its back end answers with something sensible instead.
-class TextEngine {
+class TextEngine
+{
 public:
     virtual ~TextEngine() = default;
     virtual QString name() const = 0;

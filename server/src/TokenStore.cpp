@@ -34,7 +34,7 @@ QString randomBase64Url(int bytes)
 
 TokenStore::TokenStore()
 {
-    static std::atomic<int> counter{0};
+    static std::atomic<int> counter { 0 };
     m_connection = u"quillet-tokens-%1"_s.arg(counter.fetch_add(1));
 }
 
@@ -58,7 +58,7 @@ bool TokenStore::open(const QString& path, QString* error)
         *error = db.lastError().text();
         return false;
     }
-    const QStringList statements{
+    const QStringList statements {
         u"PRAGMA journal_mode=WAL"_s,
         u"PRAGMA foreign_keys=ON"_s,
         u"CREATE TABLE IF NOT EXISTS accounts ("
@@ -94,7 +94,7 @@ std::optional<TokenStore::Account> TokenStore::accountByName(const QString& name
     query.addBindValue(name);
     if (!exec(query) || !query.next())
         return std::nullopt;
-    return Account{query.value(0).toLongLong(), query.value(1).toString(), query.value(2).toLongLong()};
+    return Account { query.value(0).toLongLong(), query.value(1).toString(), query.value(2).toLongLong() };
 }
 
 std::optional<TokenStore::Account> TokenStore::ensureAccount(const QString& name)
@@ -142,9 +142,7 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
     QSqlQuery begin(db);
     if (!begin.exec(u"BEGIN IMMEDIATE"_s))
         return result;
-    auto rollback = [&db] {
-        QSqlQuery(db).exec(u"ROLLBACK"_s);
-    };
+    auto rollback = [&db] { QSqlQuery(db).exec(u"ROLLBACK"_s); };
 
     QSqlQuery lookup(db);
     lookup.prepare(u"SELECT t.family, t.account_id, t.expires_at, t.rotated_at, t.revoked_at, a.name, a.generation"
@@ -164,7 +162,7 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
     const qint64 expiresAt = lookup.value(2).toLongLong();
     const bool rotated = !lookup.value(3).isNull();
     const bool revoked = !lookup.value(4).isNull();
-    result.account = Account{accountId, lookup.value(5).toString(), lookup.value(6).toLongLong()};
+    result.account = Account { accountId, lookup.value(5).toString(), lookup.value(6).toLongLong() };
     lookup.finish();
 
     if (revoked) {

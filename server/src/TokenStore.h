@@ -10,7 +10,8 @@
 //
 // Everything lives in the database and nothing in memory, so several server processes
 // can share one database file (WAL mode, busy timeout) and any of them can answer.
-class TokenStore {
+class TokenStore
+{
 public:
     struct Account {
         qint64 id = 0;

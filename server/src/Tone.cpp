@@ -5,12 +5,18 @@ using namespace Qt::Literals::StringLiterals;
 QString toneName(Tone tone)
 {
     switch (tone) {
-    case Tone::Professional: return u"professional"_s;
-    case Tone::Friendly: return u"friendly"_s;
-    case Tone::Funny: return u"funny"_s;
-    case Tone::Firm: return u"firm"_s;
-    case Tone::Supportive: return u"supportive"_s;
-    case Tone::Concise: return u"concise"_s;
+    case Tone::Professional:
+        return u"professional"_s;
+    case Tone::Friendly:
+        return u"friendly"_s;
+    case Tone::Funny:
+        return u"funny"_s;
+    case Tone::Firm:
+        return u"firm"_s;
+    case Tone::Supportive:
+        return u"supportive"_s;
+    case Tone::Concise:
+        return u"concise"_s;
     }
     return {};
 }

@@ -10,8 +10,8 @@
 // The six rewrite tones. Their lower-case names are what the client sends.
 enum class Tone { Professional, Friendly, Funny, Firm, Supportive, Concise };
 
-inline constexpr std::array<Tone, 6> allTones{Tone::Professional, Tone::Friendly, Tone::Funny,
-                                              Tone::Firm,         Tone::Supportive, Tone::Concise};
+inline constexpr std::array<Tone, 6> allTones { Tone::Professional, Tone::Friendly, Tone::Funny, Tone::Firm,
+    Tone::Supportive, Tone::Concise };
 
 // Exact, case-sensitive match: "Professional" is not a tone.
 std::optional<Tone> toneFromName(QStringView name);

@@ -22,7 +22,7 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
-int signalPipe[2] = {-1, -1};
+int signalPipe[2] = { -1, -1 };
 
 void onTerminationSignal(int)
 {
@@ -43,7 +43,8 @@ void quitOnTerminationSignals(QCoreApplication& app)
         Log::line(Log::Kind::Info, u"stopping"_s);
         app.quit();
     });
-    struct sigaction action{};
+    struct sigaction action {
+    };
     action.sa_handler = onTerminationSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
@@ -83,7 +84,8 @@ int main(int argc, char* argv[])
         std::fputs(parsed.text.toLocal8Bit().constData(), stdout);
         return 0;
     case ParsedOptions::Action::Fail:
-        std::fprintf(stderr, "quillet-server: %s\nTry 'quillet-server --help'.\n", parsed.text.toLocal8Bit().constData());
+        std::fprintf(
+            stderr, "quillet-server: %s\nTry 'quillet-server --help'.\n", parsed.text.toLocal8Bit().constData());
         return 2;
     case ParsedOptions::Action::Run:
         break;
@@ -103,7 +105,7 @@ int main(int argc, char* argv[])
     const auto key = AuthService::loadOrCreateSigningKey(dataDir.filePath(u"signing.key"_s), &error);
     if (!key)
         return failStart(error);
-    AuthService auth(store, *key, {options.accessTokenSeconds, options.refreshTokenDays * 24 * 3600});
+    AuthService auth(store, *key, { options.accessTokenSeconds, options.refreshTokenDays * 24 * 3600 });
     if (!store.ensureAccount(options.accountName))
         return failStart(u"cannot create the local account in the database"_s);
 
@@ -111,9 +113,10 @@ int main(int argc, char* argv[])
     PocketSphinxEngine speech(options.model, threads);
     if (!speech.prepare(options.preloadDecoders, &error))
         return failStart(u"speech engine: %1"_s.arg(error));
-    Log::line(Log::Kind::Audio, u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
-                                    .arg(options.preloadDecoders)
-                                    .arg(options.model.acousticModel));
+    Log::line(Log::Kind::Audio,
+        u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
+            .arg(options.preloadDecoders)
+            .arg(options.model.acousticModel));
 
     RuleTextEngine rules;
     std::unique_ptr<ChatTextEngine> chat;
@@ -121,8 +124,9 @@ int main(int argc, char* argv[])
     if (options.textEngine == u"chat"_s) {
         chat = std::make_unique<ChatTextEngine>(options.chat, rules);
         text = chat.get();
-        Log::line(Log::Kind::Text, u"text engine %1 at %2, falling back to rules"_s.arg(
-                                       chat->name(), options.chat.completionsUrl().toString(QUrl::RemoveUserInfo)));
+        Log::line(Log::Kind::Text,
+            u"text engine %1 at %2, falling back to rules"_s.arg(
+                chat->name(), options.chat.completionsUrl().toString(QUrl::RemoveUserInfo)));
     } else {
         Log::line(Log::Kind::Text, u"text engine rules"_s);
     }
@@ -130,17 +134,19 @@ int main(int argc, char* argv[])
     ApiServer api(auth, speech, *text, options.limits, options.maxConnections);
     const quint16 apiPort = api.listen(options.bindAddress, options.apiPort);
     if (apiPort == 0)
-        return failStart(u"cannot listen on %1:%2 for the API (is another server running?)"_s.arg(
-            options.bindAddress.toString()).arg(options.apiPort));
+        return failStart(
+            u"cannot listen on %1:%2 for the API (is another server running?)"_s.arg(options.bindAddress.toString())
+                .arg(options.apiPort));
     SiteServer site(auth, options.accountName, options.bindAddress);
     const quint16 sitePort = site.listen(options.bindAddress, options.sitePort);
     if (sitePort == 0)
-        return failStart(u"cannot listen on %1:%2 for the web site (is another server running?)"_s.arg(
-            options.bindAddress.toString()).arg(options.sitePort));
+        return failStart(u"cannot listen on %1:%2 for the web site (is another server running?)"_s
+                             .arg(options.bindAddress.toString())
+                             .arg(options.sitePort));
 
     const QString host = options.bindAddress.protocol() == QAbstractSocket::IPv6Protocol
-                             ? u'[' + options.bindAddress.toString() + u']'
-                             : options.bindAddress.toString();
+        ? u'[' + options.bindAddress.toString() + u']'
+        : options.bindAddress.toString();
     Log::line(Log::Kind::Success, u"API listening on http://%1:%2"_s.arg(host).arg(apiPort));
     Log::line(Log::Kind::Success, u"web site listening on http://%1:%2"_s.arg(host).arg(sitePort));
     return app.exec();

@@ -14,39 +14,38 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-class FakeChatEndpoint {
+class FakeChatEndpoint
+{
 public:
     enum class Mode { Answer, Fail, Stall };
 
     FakeChatEndpoint()
     {
         m_http.route(u"/v1/chat/completions"_s, QHttpServerRequest::Method::Post,
-                     [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
-                         requests.push_back(QJsonDocument::fromJson(request.body()).object());
-                         authorizations.push_back(request.value("Authorization"));
-                         switch (mode) {
-                         case Mode::Answer: {
-                             const QJsonObject reply{
-                                 {u"id"_s, u"chatcmpl-1"_s},
-                                 {u"object"_s, u"chat.completion"_s},
-                                 {u"choices"_s,
-                                  QJsonArray{QJsonObject{
-                                      {u"index"_s, 0},
-                                      {u"message"_s, QJsonObject{{u"role"_s, u"assistant"_s}, {u"content"_s, answer}}},
-                                      {u"finish_reason"_s, u"stop"_s}}}}};
-                             responder.write(QJsonDocument(reply));
-                             return;
-                         }
-                         case Mode::Fail:
-                             responder.write(QJsonDocument(QJsonObject{{u"error"_s, u"overloaded"_s}}),
-                                             QHttpServerResponder::StatusCode::ServiceUnavailable);
-                             return;
-                         case Mode::Stall:
-                             // Never answers; the connection stays open.
-                             m_stalled.push_back(std::make_unique<QHttpServerResponder>(std::move(responder)));
-                             return;
-                         }
-                     });
+            [this](const QHttpServerRequest& request, QHttpServerResponder&& responder) {
+                requests.push_back(QJsonDocument::fromJson(request.body()).object());
+                authorizations.push_back(request.value("Authorization"));
+                switch (mode) {
+                case Mode::Answer: {
+                    const QJsonObject reply { { u"id"_s, u"chatcmpl-1"_s }, { u"object"_s, u"chat.completion"_s },
+                        { u"choices"_s,
+                            QJsonArray { QJsonObject { { u"index"_s, 0 },
+                                { u"message"_s,
+                                    QJsonObject { { u"role"_s, u"assistant"_s }, { u"content"_s, answer } } },
+                                { u"finish_reason"_s, u"stop"_s } } } } };
+                    responder.write(QJsonDocument(reply));
+                    return;
+                }
+                case Mode::Fail:
+                    responder.write(QJsonDocument(QJsonObject { { u"error"_s, u"overloaded"_s } }),
+                        QHttpServerResponder::StatusCode::ServiceUnavailable);
+                    return;
+                case Mode::Stall:
+                    // Never answers; the connection stays open.
+                    m_stalled.push_back(std::make_unique<QHttpServerResponder>(std::move(responder)));
+                    return;
+                }
+            });
         port = m_http.listen(QHostAddress::LocalHost, 0);
     }
 
@@ -61,7 +60,8 @@ private:
     std::vector<std::unique_ptr<QHttpServerResponder>> m_stalled;
 };
 
-class ServerChat : public QObject {
+class ServerChat : public QObject
+{
     Q_OBJECT
 
 private:
@@ -73,17 +73,16 @@ private:
     HttpResult cleanup(const QString& text, const QStringList& dictionary)
     {
         return m_http.postJson(m_server->apiUrl(u"/cleanup"_s),
-                               {{u"text"_s, text}, {u"dictionary"_s, QJsonArray::fromStringList(dictionary)}},
-                               m_access.toUtf8());
+            { { u"text"_s, text }, { u"dictionary"_s, QJsonArray::fromStringList(dictionary) } }, m_access.toUtf8());
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_endpoint.port != 0);
-        m_server = std::make_unique<ServerProcess>(QStringList{
-            u"--chat-url"_s, u"http://127.0.0.1:%1/v1"_s.arg(m_endpoint.port), u"--chat-model"_s, u"tiny-model"_s,
-            u"--chat-cleanup-timeout"_s, u"700"_s, u"--chat-rewrite-timeout"_s, u"900"_s});
+        m_server = std::make_unique<ServerProcess>(
+            QStringList { u"--chat-url"_s, u"http://127.0.0.1:%1/v1"_s.arg(m_endpoint.port), u"--chat-model"_s,
+                u"tiny-model"_s, u"--chat-cleanup-timeout"_s, u"700"_s, u"--chat-rewrite-timeout"_s, u"900"_s });
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(u"QUILLET_CHAT_API_KEY"_s, u"sk-test-key"_s);
         m_server->setEnvironment(environment);
@@ -95,8 +94,8 @@ private Q_SLOTS:
 
     void healthNamesTheChatEngine()
     {
-        QCOMPARE(m_http.get(m_server->apiUrl(u"/health"_s)).json().value(u"text_engine"_s).toString(),
-                 u"chat:tiny-model"_s);
+        QCOMPARE(
+            m_http.get(m_server->apiUrl(u"/health"_s)).json().value(u"text_engine"_s).toString(), u"chat:tiny-model"_s);
     }
 
     void cleanupGoesThroughTheEndpoint()
@@ -104,7 +103,7 @@ private Q_SLOTS:
         m_endpoint.mode = FakeChatEndpoint::Mode::Answer;
         m_endpoint.answer = u"  The quillet team shipped it.  "_s;
         m_endpoint.requests.clear();
-        const HttpResult result = cleanup(u"um the quillet team uh shipped it"_s, {u"Quillet"_s});
+        const HttpResult result = cleanup(u"um the quillet team uh shipped it"_s, { u"Quillet"_s });
         QCOMPARE(result.status, 200);
         // The model's answer, trimmed, with the dictionary's spelling enforced.
         QCOMPARE(result.json().value(u"text"_s).toString(), u"The Quillet team shipped it."_s);
@@ -126,14 +125,19 @@ private Q_SLOTS:
         m_endpoint.mode = FakeChatEndpoint::Mode::Answer;
         m_endpoint.answer = u"Please send the report by Friday."_s;
         m_endpoint.requests.clear();
-        const HttpResult result = m_http.postJson(
-            m_server->apiUrl(u"/rewrite"_s),
-            {{u"text"_s, u"can you send the report by friday"_s}, {u"tone"_s, u"firm"_s}, {u"dictionary"_s, QJsonArray{}}},
+        const HttpResult result = m_http.postJson(m_server->apiUrl(u"/rewrite"_s),
+            { { u"text"_s, u"can you send the report by friday"_s }, { u"tone"_s, u"firm"_s },
+                { u"dictionary"_s, QJsonArray {} } },
             m_access.toUtf8());
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(), u"Please send the report by Friday."_s);
-        const QString system =
-            m_endpoint.requests.front().value(u"messages"_s).toArray().at(0).toObject().value(u"content"_s).toString();
+        const QString system = m_endpoint.requests.front()
+                                   .value(u"messages"_s)
+                                   .toArray()
+                                   .at(0)
+                                   .toObject()
+                                   .value(u"content"_s)
+                                   .toString();
         QVERIFY2(system.contains(u"firm"_s), qPrintable(system));
     }
 
@@ -151,9 +155,9 @@ private Q_SLOTS:
         const HttpResult result = cleanup(u"uh it works"_s, {});
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(), u"It works."_s);
-        const HttpResult rewrite = m_http.postJson(
-            m_server->apiUrl(u"/rewrite"_s),
-            {{u"text"_s, u"i am gonna fix it"_s}, {u"tone"_s, u"professional"_s}, {u"dictionary"_s, QJsonArray{}}},
+        const HttpResult rewrite = m_http.postJson(m_server->apiUrl(u"/rewrite"_s),
+            { { u"text"_s, u"i am gonna fix it"_s }, { u"tone"_s, u"professional"_s },
+                { u"dictionary"_s, QJsonArray {} } },
             m_access.toUtf8());
         QCOMPARE(rewrite.status, 200);
         QCOMPARE(rewrite.json().value(u"text"_s).toString(), u"I am going to fix it."_s);
@@ -166,13 +170,12 @@ private Q_SLOTS:
         QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
         const quint16 closedPort = probe.serverPort();
         probe.close();
-        ServerProcess server({u"--chat-url"_s, u"http://127.0.0.1:%1/v1/chat/completions"_s.arg(closedPort)});
+        ServerProcess server({ u"--chat-url"_s, u"http://127.0.0.1:%1/v1/chat/completions"_s.arg(closedPort) });
         QString error;
         QVERIFY2(server.start(&error), qPrintable(error));
         const QString access = signInThroughSite(m_http, server, &error).access;
-        const HttpResult result =
-            m_http.postJson(server.apiUrl(u"/cleanup"_s), {{u"text"_s, u"hmm so so it works"_s}, {u"dictionary"_s, QJsonArray{}}},
-                            access.toUtf8());
+        const HttpResult result = m_http.postJson(server.apiUrl(u"/cleanup"_s),
+            { { u"text"_s, u"hmm so so it works"_s }, { u"dictionary"_s, QJsonArray {} } }, access.toUtf8());
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(), u"So it works."_s);
         QVERIFY(server.output().contains("answering with the rule engine"));

@@ -25,14 +25,15 @@ qint64 now()
 
 } // namespace
 
-class ServerConformance : public QObject {
+class ServerConformance : public QObject
+{
     Q_OBJECT
 
 private:
-    ServerProcess m_server{{u"--account-name"_s, account}};
+    ServerProcess m_server { { u"--account-name"_s, account } };
     // Small limits, so that the limit errors happen in a second rather than minutes.
-    ServerProcess m_tight{{u"--account-name"_s, account, u"--max-streams"_s, u"1"_s, u"--max-stream-seconds"_s,
-                           u"1"_s, u"--idle-timeout"_s, u"1"_s}};
+    ServerProcess m_tight { { u"--account-name"_s, account, u"--max-streams"_s, u"1"_s, u"--max-stream-seconds"_s,
+        u"1"_s, u"--idle-timeout"_s, u"1"_s } };
     Http m_http;
     // Opened first and never signed in: checked last, after the 10-second deadline.
     std::unique_ptr<StreamClient> m_silent;
@@ -51,7 +52,7 @@ private:
 
     // Opens a stream, lets `send` misbehave, and checks for one error with `code`, then the close.
     void expectStreamError(ServerProcess& server, const std::function<void(StreamClient&)>& send, const QString& code,
-                           int closeCode = 1008)
+        int closeCode = 1008)
     {
         StreamClient client;
         QVERIFY(client.open(server.streamUrl()));
@@ -68,8 +69,8 @@ private:
 
     QByteArray forgedToken(qint64 expiresAt, const QByteArray& key, const QString& alg = u"HS256"_s)
     {
-        return makeJwt({{u"alg"_s, alg}, {u"typ"_s, u"JWT"_s}},
-                       {{u"sub"_s, account}, {u"iat"_s, now() - 100}, {u"exp"_s, expiresAt}, {u"gen"_s, 0}}, key);
+        return makeJwt({ { u"alg"_s, alg }, { u"typ"_s, u"JWT"_s } },
+            { { u"sub"_s, account }, { u"iat"_s, now() - 100 }, { u"exp"_s, expiresAt }, { u"gen"_s, 0 } }, key);
     }
 
 private Q_SLOTS:
@@ -94,10 +95,7 @@ private Q_SLOTS:
         QCOMPARE(body.value(u"text_engine"_s).toString(), u"rules"_s);
     }
 
-    void unknownPathIs404()
-    {
-        QCOMPARE(m_http.get(m_server.apiUrl(u"/nothing-here"_s)).status, 404);
-    }
+    void unknownPathIs404() { QCOMPARE(m_http.get(m_server.apiUrl(u"/nothing-here"_s)).status, 404); }
 
     void signInPageToDeepLinkToTokens()
     {
@@ -116,9 +114,9 @@ private Q_SLOTS:
 
         const QStringList parts = pair.access.split(u'.');
         QCOMPARE(parts.size(), 3);
-        const QJsonObject header = QJsonDocument::fromJson(
-                                       QByteArray::fromBase64(parts.at(0).toLatin1(), QByteArray::Base64UrlEncoding))
-                                       .object();
+        const QJsonObject header
+            = QJsonDocument::fromJson(QByteArray::fromBase64(parts.at(0).toLatin1(), QByteArray::Base64UrlEncoding))
+                  .object();
         QCOMPARE(header.value(u"alg"_s).toString(), u"HS256"_s);
         const QJsonObject payload = jwtPayload(pair.access);
         QCOMPARE(payload.value(u"sub"_s).toString(), account);
@@ -129,28 +127,29 @@ private Q_SLOTS:
 
     void signInRefusesStaleFormsAndForeignSites()
     {
-        const HttpResult stale = m_http.post(m_server.siteUrl(u"/signin"_s), "form=1.bogus&source=mac-app",
-                                             "application/x-www-form-urlencoded");
+        const HttpResult stale = m_http.post(
+            m_server.siteUrl(u"/signin"_s), "form=1.bogus&source=mac-app", "application/x-www-form-urlencoded");
         QCOMPARE(stale.status, 403);
         QVERIFY(!stale.body.contains("quillet://"));
 
-        const HttpResult rebound =
-            m_http.get(m_server.siteUrl(u"/signin?source=mac-app"_s), {{"Host", "evil.example:3000"}});
+        const HttpResult rebound
+            = m_http.get(m_server.siteUrl(u"/signin?source=mac-app"_s), { { "Host", "evil.example:3000" } });
         QCOMPARE(rebound.status, 403);
 
         const HttpResult page = m_http.get(m_server.siteUrl(u"/signin?source=mac-app"_s));
         static const QRegularExpression formField(u"name=\"form\" value=\"([^\"]+)\""_s);
         const QString form = formField.match(QString::fromUtf8(page.body)).captured(1);
-        const HttpResult crossSite =
-            m_http.post(m_server.siteUrl(u"/signin"_s), "form=" + QUrl::toPercentEncoding(form),
-                        "application/x-www-form-urlencoded", {{"Origin", "https://evil.example"}});
+        const HttpResult crossSite
+            = m_http.post(m_server.siteUrl(u"/signin"_s), "form=" + QUrl::toPercentEncoding(form),
+                "application/x-www-form-urlencoded", { { "Origin", "https://evil.example" } });
         QCOMPARE(crossSite.status, 403);
     }
 
     void refreshRotatesAndDetectsReuse()
     {
         const TokenPair first = signIn(m_server);
-        const HttpResult second = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, first.refresh}});
+        const HttpResult second
+            = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, first.refresh } });
         QCOMPARE(second.status, 200);
         const QString access2 = second.json().value(u"access_token"_s).toString();
         const QString refresh2 = second.json().value(u"refresh_token"_s).toString();
@@ -160,29 +159,32 @@ private Q_SLOTS:
         QVERIFY(refresh2 != first.refresh);
         QVERIFY(jwtPayload(access2).value(u"exp"_s).toInteger() > now());
 
-        const HttpResult third = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, refresh2}});
+        const HttpResult third
+            = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, refresh2 } });
         QCOMPARE(third.status, 200);
         const QString refresh3 = third.json().value(u"refresh_token"_s).toString();
         m_issuedTokens << refresh3 << third.json().value(u"access_token"_s).toString();
 
         // The first token was rotated long ago: replaying it ends the whole family.
-        const HttpResult replay = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, first.refresh}});
+        const HttpResult replay
+            = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, first.refresh } });
         QCOMPARE(replay.status, 401);
-        const HttpResult afterReplay =
-            m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, refresh3}});
+        const HttpResult afterReplay
+            = m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, refresh3 } });
         QCOMPARE(afterReplay.status, 401);
 
         // Other sign-ins are untouched.
         const TokenPair other = signIn(m_server);
-        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, other.refresh}}).status,
-                 200);
+        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, other.refresh } }).status,
+            200);
     }
 
     void refreshRejectsUnknownExpiredAndMalformed()
     {
-        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, u"qrt_unknown"_s}}).status,
-                 401);
-        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"token"_s, u"x"_s}}).status, 400);
+        QCOMPARE(
+            m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, u"qrt_unknown"_s } }).status,
+            401);
+        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"token"_s, u"x"_s } }).status, 400);
         QCOMPARE(m_http.post(m_server.apiUrl(u"/auth/refresh"_s), "not json", "application/json").status, 400);
 
         const TokenPair pair = signIn(m_server);
@@ -191,19 +193,20 @@ private Q_SLOTS:
             db.setDatabaseName(m_server.dataDir() + u"/data/quillet.db"_s);
             QVERIFY(db.open());
             QSqlQuery query(db);
-            QVERIFY(query.exec(u"UPDATE refresh_tokens SET expires_at = 1 WHERE rotated_at IS NULL AND revoked_at IS NULL"_s));
+            QVERIFY(query.exec(
+                u"UPDATE refresh_tokens SET expires_at = 1 WHERE rotated_at IS NULL AND revoked_at IS NULL"_s));
             db.close();
         }
         QSqlDatabase::removeDatabase(u"expire"_s);
-        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, pair.refresh}}).status, 401);
+        QCOMPARE(
+            m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, pair.refresh } }).status, 401);
     }
 
     void cleanupRemovesFillersAndRepeats()
     {
         const TokenPair pair = signIn(m_server);
-        const HttpResult result = m_http.postJson(
-            m_server.apiUrl(u"/cleanup"_s),
-            {{u"text"_s, u"um so i i think the the report is uh done"_s}, {u"dictionary"_s, QJsonArray{}}},
+        const HttpResult result = m_http.postJson(m_server.apiUrl(u"/cleanup"_s),
+            { { u"text"_s, u"um so i i think the the report is uh done"_s }, { u"dictionary"_s, QJsonArray {} } },
             pair.access.toUtf8());
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(), u"So I think the report is done."_s);
@@ -212,14 +215,13 @@ private Q_SLOTS:
     void cleanupWritesDictionaryTermsExactly()
     {
         const TokenPair pair = signIn(m_server);
-        const HttpResult result = m_http.postJson(
-            m_server.apiUrl(u"/cleanup"_s),
-            {{u"text"_s, u"we deployed the QUILLET server on kubernetes with postgresql. iphone builds are next"_s},
-             {u"dictionary"_s, QJsonArray{u"Quillet"_s, u"Kubernetes"_s, u"PostgreSQL"_s, u"iPhone"_s}}},
+        const HttpResult result = m_http.postJson(m_server.apiUrl(u"/cleanup"_s),
+            { { u"text"_s, u"we deployed the QUILLET server on kubernetes with postgresql. iphone builds are next"_s },
+                { u"dictionary"_s, QJsonArray { u"Quillet"_s, u"Kubernetes"_s, u"PostgreSQL"_s, u"iPhone"_s } } },
             pair.access.toUtf8());
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(),
-                 u"We deployed the Quillet server on Kubernetes with PostgreSQL. iPhone builds are next."_s);
+            u"We deployed the Quillet server on Kubernetes with PostgreSQL. iPhone builds are next."_s);
     }
 
     void rewriteEveryTone_data()
@@ -234,14 +236,14 @@ private Q_SLOTS:
         QTest::newRow("friendly") << u"friendly"_s << u"hello i am happy to help. it is no trouble"_s << QStringList()
                                   << u"Hi I'm happy to help. It's no trouble!"_s;
         QTest::newRow("firm") << u"firm"_s << u"could you maybe send the report by friday?"_s
-                              << QStringList{u"Friday"_s} << u"Please send the report by Friday."_s;
+                              << QStringList { u"Friday"_s } << u"Please send the report by Friday."_s;
         QTest::newRow("supportive") << u"supportive"_s << u"you must fix this problem"_s << QStringList()
                                     << u"It would help to fix this challenge. I'm here to help if you need anything."_s;
-        QTest::newRow("concise") << u"concise"_s
-                                 << u"um i just wanted to say that we really need to act in order to meet the deadline"_s
-                                 << QStringList() << u"We need to act to meet the deadline."_s;
+        QTest::newRow("concise")
+            << u"concise"_s << u"um i just wanted to say that we really need to act in order to meet the deadline"_s
+            << QStringList() << u"We need to act to meet the deadline."_s;
         QTest::newRow("concise with dictionary") << u"concise"_s << u"the quillet app is very fast"_s
-                                                 << QStringList{u"Quillet"_s} << u"The Quillet app is fast."_s;
+                                                 << QStringList { u"Quillet"_s } << u"The Quillet app is fast."_s;
     }
 
     void rewriteEveryTone()
@@ -251,9 +253,8 @@ private Q_SLOTS:
         QFETCH(QStringList, dictionary);
         QFETCH(QString, expected);
         const TokenPair pair = signIn(m_server);
-        const HttpResult result = m_http.postJson(
-            m_server.apiUrl(u"/rewrite"_s),
-            {{u"text"_s, text}, {u"tone"_s, tone}, {u"dictionary"_s, QJsonArray::fromStringList(dictionary)}},
+        const HttpResult result = m_http.postJson(m_server.apiUrl(u"/rewrite"_s),
+            { { u"text"_s, text }, { u"tone"_s, tone }, { u"dictionary"_s, QJsonArray::fromStringList(dictionary) } },
             pair.access.toUtf8());
         QCOMPARE(result.status, 200);
         QCOMPARE(result.json().value(u"text"_s).toString(), expected);
@@ -262,9 +263,8 @@ private Q_SLOTS:
     void rewriteFunnyAddsATagLine()
     {
         const TokenPair pair = signIn(m_server);
-        const QJsonObject body{{u"text"_s, u"the meeting moved to three"_s},
-                               {u"tone"_s, u"funny"_s},
-                               {u"dictionary"_s, QJsonArray{}}};
+        const QJsonObject body { { u"text"_s, u"the meeting moved to three"_s }, { u"tone"_s, u"funny"_s },
+            { u"dictionary"_s, QJsonArray {} } };
         const HttpResult result = m_http.postJson(m_server.apiUrl(u"/rewrite"_s), body, pair.access.toUtf8());
         QCOMPARE(result.status, 200);
         const QString text = result.json().value(u"text"_s).toString();
@@ -277,9 +277,9 @@ private Q_SLOTS:
     void rewriteRejectsUnknownTones()
     {
         const TokenPair pair = signIn(m_server);
-        for (const QString& tone : {u"sarcastic"_s, u"Professional"_s}) {
-            const HttpResult result = m_http.postJson(
-                m_server.apiUrl(u"/rewrite"_s), {{u"text"_s, u"hi"_s}, {u"tone"_s, tone}, {u"dictionary"_s, QJsonArray{}}},
+        for (const QString& tone : { u"sarcastic"_s, u"Professional"_s }) {
+            const HttpResult result = m_http.postJson(m_server.apiUrl(u"/rewrite"_s),
+                { { u"text"_s, u"hi"_s }, { u"tone"_s, tone }, { u"dictionary"_s, QJsonArray {} } },
                 pair.access.toUtf8());
             QCOMPARE(result.status, 400);
             QCOMPARE(result.json().value(u"error"_s).toObject().value(u"code"_s).toString(), u"UNKNOWN_TONE"_s);
@@ -289,7 +289,7 @@ private Q_SLOTS:
 
     void textServicesNeedAValidAccessToken()
     {
-        const QJsonObject body{{u"text"_s, u"hello"_s}, {u"dictionary"_s, QJsonArray{}}};
+        const QJsonObject body { { u"text"_s, u"hello"_s }, { u"dictionary"_s, QJsonArray {} } };
         QCOMPARE(m_http.postJson(m_server.apiUrl(u"/cleanup"_s), body).status, 401);
         QCOMPARE(m_http.postJson(m_server.apiUrl(u"/cleanup"_s), body, "not.a.token").status, 401);
         const QByteArray wrongKey = forgedToken(now() + 600, QByteArray(32, 'x'));
@@ -330,7 +330,7 @@ private Q_SLOTS:
                 } else if (kind == u"badsig"_s) {
                     client.sendAuth(QString::fromLatin1(forgedToken(now() + 600, QByteArray(32, 'k'))));
                 } else if (kind == u"missing"_s) {
-                    client.sendJson({{u"type"_s, u"auth"_s}});
+                    client.sendJson({ { u"type"_s, u"auth"_s } });
                 } else {
                     client.sendAuth(QString::fromLatin1(forgedToken(now() - 1, key)));
                 }
@@ -385,11 +385,12 @@ private Q_SLOTS:
                 else if (kind == u"array"_s)
                     client.sendText(u"[1, 2, 3]"_s);
                 else if (kind == u"unknown"_s)
-                    client.sendJson({{u"type"_s, u"dance"_s}});
+                    client.sendJson({ { u"type"_s, u"dance"_s } });
                 else if (kind == u"base64"_s)
-                    client.sendJson({{u"type"_s, u"audio"_s}, {u"data"_s, u"@@not base64@@"_s}});
+                    client.sendJson({ { u"type"_s, u"audio"_s }, { u"data"_s, u"@@not base64@@"_s } });
                 else if (kind == u"odd"_s)
-                    client.sendJson({{u"type"_s, u"audio"_s}, {u"data"_s, QString::fromLatin1(QByteArray(3, 0).toBase64())}});
+                    client.sendJson(
+                        { { u"type"_s, u"audio"_s }, { u"data"_s, QString::fromLatin1(QByteArray(3, 0).toBase64()) } });
                 else if (kind == u"huge"_s)
                     client.sendAudio(QByteArray(1200 * 1024, 0)); // 1.6 MB of base64
             },
@@ -460,7 +461,7 @@ private Q_SLOTS:
         const TokenPair pair = signIn(m_server);
         StreamClient client;
         QVERIFY(client.open(m_server.streamUrl()));
-        client.sendBinary(QJsonDocument(QJsonObject{{u"type"_s, u"auth"_s}, {u"token"_s, pair.access}})
+        client.sendBinary(QJsonDocument(QJsonObject { { u"type"_s, u"auth"_s }, { u"token"_s, pair.access } })
                               .toJson(QJsonDocument::Compact));
         client.sendBinary(R"({"type":"stop"})");
         QVERIFY(client.waitClosed(10'000));
@@ -479,27 +480,30 @@ private Q_SLOTS:
         const QString form = formField.match(QString::fromUtf8(page.body)).captured(1);
         QVERIFY(!form.isEmpty());
         const HttpResult done = m_http.post(m_server.siteUrl(u"/account/sign-out-everywhere"_s),
-                                            "form=" + QUrl::toPercentEncoding(form), "application/x-www-form-urlencoded");
+            "form=" + QUrl::toPercentEncoding(form), "application/x-www-form-urlencoded");
         QCOMPARE(done.status, 200);
         QVERIFY(done.body.contains("Signed out everywhere"));
 
-        for (const TokenPair& pair : {a, b}) {
-            QCOMPARE(m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), {{u"refresh_token"_s, pair.refresh}}).status,
-                     401);
-            QCOMPARE(m_http.postJson(m_server.apiUrl(u"/cleanup"_s), {{u"text"_s, u"x"_s}, {u"dictionary"_s, QJsonArray{}}},
-                                     pair.access.toUtf8())
+        for (const TokenPair& pair : { a, b }) {
+            QCOMPARE(
+                m_http.postJson(m_server.apiUrl(u"/auth/refresh"_s), { { u"refresh_token"_s, pair.refresh } }).status,
+                401);
+            QCOMPARE(m_http
+                         .postJson(m_server.apiUrl(u"/cleanup"_s),
+                             { { u"text"_s, u"x"_s }, { u"dictionary"_s, QJsonArray {} } }, pair.access.toUtf8())
                          .status,
-                     401);
+                401);
         }
         expectStreamError(
             m_server, [&](StreamClient& client) { client.sendAuth(a.access); }, u"TOKEN_REVOKED"_s);
 
         // Signing in again works.
         const TokenPair again = signIn(m_server);
-        QCOMPARE(m_http.postJson(m_server.apiUrl(u"/cleanup"_s), {{u"text"_s, u"x"_s}, {u"dictionary"_s, QJsonArray{}}},
-                                 again.access.toUtf8())
+        QCOMPARE(m_http
+                     .postJson(m_server.apiUrl(u"/cleanup"_s),
+                         { { u"text"_s, u"x"_s }, { u"dictionary"_s, QJsonArray {} } }, again.access.toUtf8())
                      .status,
-                 200);
+            200);
     }
 
     void authDeadline()

@@ -28,13 +28,20 @@ enum class Behaviour { Good, Garbage, OversizedBeforeAuth, OversizedAfterAuth, H
 QString behaviourName(Behaviour b)
 {
     switch (b) {
-    case Behaviour::Good: return u"good"_s;
-    case Behaviour::Garbage: return u"garbage"_s;
-    case Behaviour::OversizedBeforeAuth: return u"oversized before auth"_s;
-    case Behaviour::OversizedAfterAuth: return u"oversized after auth"_s;
-    case Behaviour::HugeFrame: return u"frame beyond every limit"_s;
-    case Behaviour::DropMidStream: return u"drops mid-stream"_s;
-    case Behaviour::NoAuth: return u"never signs in"_s;
+    case Behaviour::Good:
+        return u"good"_s;
+    case Behaviour::Garbage:
+        return u"garbage"_s;
+    case Behaviour::OversizedBeforeAuth:
+        return u"oversized before auth"_s;
+    case Behaviour::OversizedAfterAuth:
+        return u"oversized after auth"_s;
+    case Behaviour::HugeFrame:
+        return u"frame beyond every limit"_s;
+    case Behaviour::DropMidStream:
+        return u"drops mid-stream"_s;
+    case Behaviour::NoAuth:
+        return u"never signs in"_s;
     }
     return {};
 }
@@ -50,12 +57,13 @@ struct Participant {
 
 } // namespace
 
-class ServerRobustness : public QObject {
+class ServerRobustness : public QObject
+{
     Q_OBJECT
 
 private:
-    ServerProcess m_server{{u"--account-name"_s, u"crowd"_s, u"--max-streams"_s, u"16"_s, u"--auth-timeout"_s,
-                            u"3"_s}};
+    ServerProcess m_server { { u"--account-name"_s, u"crowd"_s, u"--max-streams"_s, u"16"_s, u"--auth-timeout"_s,
+        u"3"_s } };
     Http m_http;
     QString m_access;
     QHash<QString, QList<QByteArray>> m_clips;
@@ -83,7 +91,7 @@ private Q_SLOTS:
         QVERIFY2(m_server.start(&error), qPrintable(error));
         m_access = signInThroughSite(m_http, m_server, &error).access;
         QVERIFY2(!m_access.isEmpty(), qPrintable(error));
-        const QStringList wavs = QDir(clipDir).entryList({u"*.wav"_s}, QDir::Files, QDir::Name);
+        const QStringList wavs = QDir(clipDir).entryList({ u"*.wav"_s }, QDir::Files, QDir::Name);
         QVERIFY(wavs.size() >= 5);
         for (const QString& wav : wavs) {
             const QList<QByteArray> chunks = chunked(readWavPcm(clipDir + wav), chunkSamples);
@@ -97,10 +105,9 @@ private Q_SLOTS:
 
     void twentyClientsAThirdMisbehaving()
     {
-        const std::vector<Behaviour> bad{Behaviour::Garbage,       Behaviour::OversizedBeforeAuth,
-                                         Behaviour::OversizedAfterAuth, Behaviour::HugeFrame,
-                                         Behaviour::DropMidStream, Behaviour::NoAuth,
-                                         Behaviour::DropMidStream};
+        const std::vector<Behaviour> bad { Behaviour::Garbage, Behaviour::OversizedBeforeAuth,
+            Behaviour::OversizedAfterAuth, Behaviour::HugeFrame, Behaviour::DropMidStream, Behaviour::NoAuth,
+            Behaviour::DropMidStream };
         const QStringList clipIds = m_clips.keys();
         std::vector<Participant> participants(clientCount);
         for (int i = 0; i < clientCount; ++i) {
@@ -190,7 +197,8 @@ private Q_SLOTS:
                 const QString transcript = p.client->texts(u"final"_s).join(u' ');
                 const QString solo = m_soloTranscripts.value(p.clipId);
                 // Every stream starts from a fresh decoder state, so the crowd changes nothing.
-                QVERIFY2(transcript == solo, qPrintable(u"%1: \"%2\" against \"%3\""_s.arg(p.clipId, transcript, solo)));
+                QVERIFY2(
+                    transcript == solo, qPrintable(u"%1: \"%2\" against \"%3\""_s.arg(p.clipId, transcript, solo)));
                 break;
             }
             case Behaviour::Garbage:
@@ -223,9 +231,8 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(
             m_http.get(m_server.apiUrl(u"/health"_s)).json().value(u"streams"_s).toObject().value(u"active"_s).toInt(),
             0, 10'000);
-        const HttpResult cleanup =
-            m_http.postJson(m_server.apiUrl(u"/cleanup"_s), {{u"text"_s, u"still here"_s}, {u"dictionary"_s, QJsonArray{}}},
-                            m_access.toUtf8());
+        const HttpResult cleanup = m_http.postJson(m_server.apiUrl(u"/cleanup"_s),
+            { { u"text"_s, u"still here"_s }, { u"dictionary"_s, QJsonArray {} } }, m_access.toUtf8());
         QCOMPARE(cleanup.status, 200);
         const QString clip = m_clips.keys().constFirst();
         QCOMPARE(transcribeAlone(m_clips.value(clip)).isEmpty(), false);

@@ -10,7 +10,8 @@
 
 using namespace Qt::Literals::StringLiterals;
 
-class ServerRules : public QObject {
+class ServerRules : public QObject
+{
     Q_OBJECT
 
 private Q_SLOTS:
@@ -22,12 +23,13 @@ private Q_SLOTS:
         QTest::newRow("empty") << u""_s << QStringList() << u""_s;
         QTest::newRow("only fillers") << u"um uh"_s << QStringList() << u""_s;
         QTest::newRow("filler with comma") << u"um, i think so"_s << QStringList() << u"I think so."_s;
-        QTest::newRow("filler before a sentence end") << u"that is all uh. next point"_s << QStringList()
-                                                      << u"That is all. Next point."_s;
+        QTest::newRow("filler before a sentence end")
+            << u"that is all uh. next point"_s << QStringList() << u"That is all. Next point."_s;
         QTest::newRow("triple repeat") << u"the the the end"_s << QStringList() << u"The end."_s;
         QTest::newRow("stutter over a comma") << u"i, i mean it"_s << QStringList() << u"I mean it."_s;
         QTest::newRow("had had stays") << u"he had had enough"_s << QStringList() << u"He had had enough."_s;
-        QTest::newRow("that that stays") << u"i know that that works"_s << QStringList() << u"I know that that works."_s;
+        QTest::newRow("that that stays") << u"i know that that works"_s << QStringList()
+                                         << u"I know that that works."_s;
         QTest::newRow("numbers repeat") << u"room 4 4"_s << QStringList() << u"Room 4 4."_s;
         QTest::newRow("pronoun forms") << u"i'm sure i'll say what i've said"_s << QStringList()
                                        << u"I'm sure I'll say what I've said."_s;
@@ -35,15 +37,14 @@ private Q_SLOTS:
         QTest::newRow("trailing comma") << u"first, second,"_s << QStringList() << u"First, second."_s;
         QTest::newRow("closing quote") << u"she said \"yes\""_s << QStringList() << u"She said \"yes.\""_s;
         QTest::newRow("sentences") << u"one. two! three? four"_s << QStringList() << u"One. Two! Three? Four."_s;
-        QTest::newRow("multi-word term") << u"ask the new york office"_s << QStringList{u"New York"_s}
+        QTest::newRow("multi-word term") << u"ask the new york office"_s << QStringList { u"New York"_s }
                                          << u"Ask the New York office."_s;
-        QTest::newRow("term at the start keeps its case") << u"ebay listings"_s << QStringList{u"eBay"_s}
-                                                          << u"eBay listings."_s;
-        QTest::newRow("terms with punctuation") << u"we use c++ and node.js"_s
-                                                << QStringList{u"C++"_s, u"Node.js"_s}
-                                                << u"We use C++ and Node.js."_s;
-        QTest::newRow("term not inside words") << u"the quilletx build"_s << QStringList{u"Quillet"_s}
-                                               << u"The quilletx build."_s;
+        QTest::newRow("term at the start keeps its case")
+            << u"ebay listings"_s << QStringList { u"eBay"_s } << u"eBay listings."_s;
+        QTest::newRow("terms with punctuation")
+            << u"we use c++ and node.js"_s << QStringList { u"C++"_s, u"Node.js"_s } << u"We use C++ and Node.js."_s;
+        QTest::newRow("term not inside words")
+            << u"the quilletx build"_s << QStringList { u"Quillet"_s } << u"The quilletx build."_s;
     }
 
     void cleanUpText()
@@ -59,15 +60,15 @@ private Q_SLOTS:
         QTest::addColumn<QString>("tone");
         QTest::addColumn<QString>("input");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("professional keeps the verb like") << u"professional"_s << u"i like it, yeah"_s
-                                                          << u"I like it, yes."_s;
-        QTest::newRow("professional drops the pause like") << u"professional"_s << u"it was like, done"_s
-                                                           << u"It was done."_s;
-        QTest::newRow("firm only at sentence starts") << u"firm"_s << u"how can you say that"_s
-                                                      << u"How can you say that."_s;
+        QTest::newRow("professional keeps the verb like")
+            << u"professional"_s << u"i like it, yeah"_s << u"I like it, yes."_s;
+        QTest::newRow("professional drops the pause like")
+            << u"professional"_s << u"it was like, done"_s << u"It was done."_s;
+        QTest::newRow("firm only at sentence starts")
+            << u"firm"_s << u"how can you say that"_s << u"How can you say that."_s;
         QTest::newRow("firm drops hedges") << u"firm"_s << u"i think we should maybe wait"_s << u"We should wait."_s;
-        QTest::newRow("friendly contracts") << u"friendly"_s << u"we are ready and it is late"_s
-                                            << u"We're ready and it's late!"_s;
+        QTest::newRow("friendly contracts")
+            << u"friendly"_s << u"we are ready and it is late"_s << u"We're ready and it's late!"_s;
         QTest::newRow("supportive softens") << u"supportive"_s << u"that was wrong"_s
                                             << u"That was not quite right. I'm here to help if you need anything."_s;
         QTest::newRow("concise") << u"concise"_s << u"due to the fact that it is very late we stop"_s
@@ -86,8 +87,8 @@ private Q_SLOTS:
 
     void toneNamesAreExact()
     {
-        QCOMPARE(toneNames(), (QStringList{u"professional"_s, u"friendly"_s, u"funny"_s, u"firm"_s, u"supportive"_s,
-                                           u"concise"_s}));
+        QCOMPARE(toneNames(),
+            (QStringList { u"professional"_s, u"friendly"_s, u"funny"_s, u"firm"_s, u"supportive"_s, u"concise"_s }));
         QVERIFY(!toneFromName(u"Professional"_s));
         QVERIFY(!toneFromName(u""_s));
     }
@@ -95,7 +96,7 @@ private Q_SLOTS:
     void jwtRoundTrip()
     {
         const QByteArray key(32, 'k');
-        Jwt::Claims claims{u"alice"_s, 1000, 2000, 3};
+        Jwt::Claims claims { u"alice"_s, 1000, 2000, 3 };
         const QByteArray token = Jwt::sign(claims, key);
         const Jwt::Verification ok = Jwt::verify(token, key, 1500);
         QCOMPARE(ok.verdict, Jwt::Verdict::Valid);
@@ -109,18 +110,19 @@ private Q_SLOTS:
     void jwtRejectsTamperingAndOtherAlgorithms()
     {
         const QByteArray key(32, 'k');
-        const QByteArray token = Jwt::sign({u"alice"_s, 1000, 2000, 0}, key);
+        const QByteArray token = Jwt::sign({ u"alice"_s, 1000, 2000, 0 }, key);
         const QList<QByteArray> parts = token.split('.');
-        const QByteArray otherPayload = Jwt::base64Url(
-            QJsonDocument(QJsonObject{{u"sub"_s, u"mallory"_s}, {u"exp"_s, 99999}}).toJson(QJsonDocument::Compact));
-        QCOMPARE(Jwt::verify(parts[0] + '.' + otherPayload + '.' + parts[2], key, 1500).verdict,
-                 Jwt::Verdict::BadSignature);
+        const QByteArray otherPayload = Jwt::base64Url(QJsonDocument(
+            QJsonObject { { u"sub"_s, u"mallory"_s },
+                { u"exp"_s, 99999 } }).toJson(QJsonDocument::Compact));
+        QCOMPARE(
+            Jwt::verify(parts[0] + '.' + otherPayload + '.' + parts[2], key, 1500).verdict, Jwt::Verdict::BadSignature);
 
         const QByteArray none = Jwt::base64Url(R"({"alg":"none","typ":"JWT"})");
         QCOMPARE(Jwt::verify(none + '.' + parts[1] + '.', key, 1500).verdict, Jwt::Verdict::UnsupportedAlgorithm);
         const QByteArray rs = Jwt::base64Url(R"({"alg":"RS256","typ":"JWT"})");
-        QCOMPARE(Jwt::verify(rs + '.' + parts[1] + '.' + parts[2], key, 1500).verdict,
-                 Jwt::Verdict::UnsupportedAlgorithm);
+        QCOMPARE(
+            Jwt::verify(rs + '.' + parts[1] + '.' + parts[2], key, 1500).verdict, Jwt::Verdict::UnsupportedAlgorithm);
         QCOMPARE(Jwt::verify(parts[0] + '.' + parts[1], key, 1500).verdict, Jwt::Verdict::Malformed);
         QCOMPARE(Jwt::verify(token + ".extra", key, 1500).verdict, Jwt::Verdict::Malformed);
         QCOMPARE(Jwt::verify("", key, 1500).verdict, Jwt::Verdict::Malformed);

@@ -40,11 +40,12 @@ int editDistanceWords(const QString& reference, const QString& hypothesis)
 
 } // namespace
 
-class ServerTranscription : public QObject {
+class ServerTranscription : public QObject
+{
     Q_OBJECT
 
 private:
-    ServerProcess m_server{{u"--account-name"_s, u"listener"_s}};
+    ServerProcess m_server { { u"--account-name"_s, u"listener"_s } };
     Http m_http;
     QString m_access;
 
@@ -123,8 +124,8 @@ private Q_SLOTS:
             const QString ours = client.texts(u"final"_s).join(u' ');
 
             QProcess reference;
-            reference.start(QStringLiteral(POCKETSPHINX_CONTINUOUS),
-                            {u"-infile"_s, wav, u"-logfn"_s, u"/dev/null"_s});
+            reference.start(
+                QStringLiteral(POCKETSPHINX_CONTINUOUS), { u"-infile"_s, wav, u"-logfn"_s, u"/dev/null"_s });
             QVERIFY(reference.waitForFinished(120'000));
             const QString theirs = QString::fromUtf8(reference.readAllStandardOutput()).simplified();
 
@@ -133,12 +134,12 @@ private Q_SLOTS:
             ourErrors += editDistanceWords(truth, ours);
             theirErrors += editDistanceWords(truth, theirs);
             qInfo("%s\n  truth:  %s\n  server: %s\n  pocketsphinx_continuous: %s", qPrintable(id), qPrintable(truth),
-                  qPrintable(ours), qPrintable(theirs));
+                qPrintable(ours), qPrintable(theirs));
         }
         const double ourWer = 100.0 * ourErrors / referenceWords;
         const double theirWer = 100.0 * theirErrors / referenceWords;
         qInfo("word error rate over %d words: server %.1f%%, pocketsphinx_continuous %.1f%%", referenceWords, ourWer,
-              theirWer);
+            theirWer);
         QVERIFY2(ourWer <= theirWer + 5.0, qPrintable(u"server %1% vs %2%"_s.arg(ourWer).arg(theirWer)));
     }
 

@@ -15,8 +15,7 @@ using namespace Qt::Literals::StringLiterals;
 
 ServerProcess::ServerProcess(QStringList extraArguments)
     : m_arguments(std::move(extraArguments))
-{
-}
+{ }
 
 ServerProcess::~ServerProcess()
 {
@@ -29,8 +28,8 @@ bool ServerProcess::start(QString* error)
     m_process->setProcessChannelMode(QProcess::SeparateChannels);
     m_process->setReadChannel(QProcess::StandardOutput);
     m_process->setProcessEnvironment(m_environment);
-    QStringList arguments{u"--api-port"_s, u"0"_s, u"--site-port"_s, u"0"_s, u"--data-dir"_s,
-                          m_dataDir.path() + u"/data"_s};
+    QStringList arguments { u"--api-port"_s, u"0"_s, u"--site-port"_s, u"0"_s, u"--data-dir"_s,
+        m_dataDir.path() + u"/data"_s };
     arguments += m_arguments;
     m_process->start(QStringLiteral(QUILLET_SERVER_BINARY), arguments);
     if (!m_process->waitForStarted(10'000)) {
@@ -55,11 +54,11 @@ bool ServerProcess::start(QString* error)
     }
     if (m_apiPort == 0 || m_sitePort == 0) {
         *error = u"the server did not report its ports; output:\n"_s + QString::fromUtf8(m_output)
-                 + QString::fromUtf8(m_process->readAllStandardError());
+            + QString::fromUtf8(m_process->readAllStandardError());
         return false;
     }
     QObject::connect(m_process.get(), &QProcess::readyReadStandardOutput, m_process.get(),
-                     [this] { m_output += m_process->readAllStandardOutput(); });
+        [this] { m_output += m_process->readAllStandardOutput(); });
     return true;
 }
 
@@ -147,7 +146,7 @@ HttpResult Http::get(const QUrl& url, const QList<QPair<QByteArray, QByteArray>>
 }
 
 HttpResult Http::post(const QUrl& url, const QByteArray& body, const QByteArray& contentType,
-                      const QList<QPair<QByteArray, QByteArray>>& headers)
+    const QList<QPair<QByteArray, QByteArray>>& headers)
 {
     QNetworkRequest request(url);
     request.setRawHeader("Content-Type", contentType);
@@ -160,7 +159,7 @@ HttpResult Http::postJson(const QUrl& url, const QJsonObject& body, const QByteA
 {
     QList<QPair<QByteArray, QByteArray>> headers;
     if (!bearer.isEmpty())
-        headers.append({"Authorization", "Bearer " + bearer});
+        headers.append({ "Authorization", "Bearer " + bearer });
     return post(url, QJsonDocument(body).toJson(QJsonDocument::Compact), "application/json", headers);
 }
 
@@ -202,9 +201,8 @@ QByteArray makeJwt(const QJsonObject& header, const QJsonObject& payload, const 
 {
     constexpr auto options = QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals;
     const QByteArray input = QJsonDocument(header).toJson(QJsonDocument::Compact).toBase64(options) + '.'
-                             + QJsonDocument(payload).toJson(QJsonDocument::Compact).toBase64(options);
-    return input + '.'
-           + QMessageAuthenticationCode::hash(input, key, QCryptographicHash::Sha256).toBase64(options);
+        + QJsonDocument(payload).toJson(QJsonDocument::Compact).toBase64(options);
+    return input + '.' + QMessageAuthenticationCode::hash(input, key, QCryptographicHash::Sha256).toBase64(options);
 }
 
 QJsonObject jwtPayload(const QString& token)
@@ -212,7 +210,7 @@ QJsonObject jwtPayload(const QString& token)
     const QStringList parts = token.split(u'.');
     if (parts.size() != 3)
         return {};
-    const auto decoded = QByteArray::fromBase64Encoding(parts.at(1).toLatin1(),
-                                                        QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+    const auto decoded = QByteArray::fromBase64Encoding(
+        parts.at(1).toLatin1(), QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
     return QJsonDocument::fromJson(decoded.decoded).object();
 }

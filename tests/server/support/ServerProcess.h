@@ -12,7 +12,8 @@
 
 // The real quillet-server binary on loopback ports it picks itself (port 0), with a
 // temporary data directory. Its standard output is kept for assertions on log lines.
-class ServerProcess {
+class ServerProcess
+{
 public:
     explicit ServerProcess(QStringList extraArguments = {});
     ~ServerProcess();
@@ -50,11 +51,12 @@ struct HttpResult {
 };
 
 // Blocking HTTP helpers for tests (they spin an event loop while waiting).
-class Http {
+class Http
+{
 public:
     HttpResult get(const QUrl& url, const QList<QPair<QByteArray, QByteArray>>& headers = {});
     HttpResult post(const QUrl& url, const QByteArray& body, const QByteArray& contentType,
-                    const QList<QPair<QByteArray, QByteArray>>& headers = {});
+        const QList<QPair<QByteArray, QByteArray>>& headers = {});
     HttpResult postJson(const QUrl& url, const QJsonObject& body, const QByteArray& bearer = {});
 
 private:

@@ -31,9 +31,9 @@ StreamClient::StreamClient(QObject* parent)
 {
     m_socket.setMaxAllowedIncomingMessageSize(64 * 1024 * 1024);
     connect(&m_socket, &QWebSocket::textMessageReceived, this,
-            [this](const QString& text) { m_messages << QJsonDocument::fromJson(text.toUtf8()).object(); });
+        [this](const QString& text) { m_messages << QJsonDocument::fromJson(text.toUtf8()).object(); });
     connect(&m_socket, &QWebSocket::binaryMessageReceived, this,
-            [this](const QByteArray& data) { m_messages << QJsonDocument::fromJson(data).object(); });
+        [this](const QByteArray& data) { m_messages << QJsonDocument::fromJson(data).object(); });
     connect(&m_socket, &QWebSocket::disconnected, this, [this] {
         m_closed = true;
         m_closeCode = m_socket.closeCode();
@@ -44,7 +44,7 @@ bool StreamClient::open(const QUrl& url, int timeoutMs)
 {
     m_socket.open(url);
     return spinUntil([this] { return m_socket.state() == QAbstractSocket::ConnectedState || m_closed; }, timeoutMs)
-           && !m_closed;
+        && !m_closed;
 }
 
 void StreamClient::sendJson(const QJsonObject& message)
@@ -64,17 +64,17 @@ void StreamClient::sendBinary(const QByteArray& bytes)
 
 void StreamClient::sendAuth(const QString& token)
 {
-    sendJson({{u"type"_s, u"auth"_s}, {u"token"_s, token}});
+    sendJson({ { u"type"_s, u"auth"_s }, { u"token"_s, token } });
 }
 
 void StreamClient::sendAudio(const QByteArray& pcm)
 {
-    sendJson({{u"type"_s, u"audio"_s}, {u"data"_s, QString::fromLatin1(pcm.toBase64())}});
+    sendJson({ { u"type"_s, u"audio"_s }, { u"data"_s, QString::fromLatin1(pcm.toBase64()) } });
 }
 
 void StreamClient::sendStop()
 {
-    sendJson({{u"type"_s, u"stop"_s}});
+    sendJson({ { u"type"_s, u"stop"_s } });
 }
 
 void StreamClient::abort()
@@ -90,7 +90,7 @@ bool StreamClient::waitClosed(int timeoutMs)
 bool StreamClient::waitMessages(int count, int timeoutMs)
 {
     return spinUntil([this, count] { return m_messages.size() >= count || m_closed; }, timeoutMs)
-           && m_messages.size() >= count;
+        && m_messages.size() >= count;
 }
 
 QStringList StreamClient::texts(const QString& type) const
@@ -153,7 +153,7 @@ double wordErrorRate(const QString& reference, const QString& hypothesis)
         current[0] = int(i);
         for (qsizetype j = 1; j <= hyp.size(); ++j) {
             const int substitution = previous[size_t(j - 1)] + (ref.at(i - 1) == hyp.at(j - 1) ? 0 : 1);
-            current[size_t(j)] = std::min({substitution, previous[size_t(j)] + 1, current[size_t(j - 1)] + 1});
+            current[size_t(j)] = std::min({ substitution, previous[size_t(j)] + 1, current[size_t(j - 1)] + 1 });
         }
         std::swap(previous, current);
     }

@@ -10,7 +10,8 @@
 
 // Speaks the transcription protocol as the desktop client does and records everything
 // the server says, in order, together with how the socket closed.
-class StreamClient : public QObject {
+class StreamClient : public QObject
+{
 public:
     explicit StreamClient(QObject* parent = nullptr);
 
