@@ -29,7 +29,7 @@ struct SourceInfoReply {
     bool done = false;
     bool found = false;
     bool isMonitor = false;
-    pa_sample_spec spec {};
+    pa_sample_spec sampleFormat {};
     pa_channel_map map {};
 };
 
@@ -176,7 +176,7 @@ std::optional<AudioInputFailure> PulseAudioInput::findDefaultSource()
             auto* reply = static_cast<SourceInfoReply*>(signal->reply);
             if (info) {
                 reply->found = true;
-                reply->spec = info->sample_spec;
+                reply->sampleFormat = info->sample_spec;
                 reply->map = info->channel_map;
                 reply->isMonitor = info->monitor_of_sink != PA_INVALID_INDEX;
             }
@@ -190,11 +190,11 @@ std::optional<AudioInputFailure> PulseAudioInput::findDefaultSource()
         return serverFailure(u"The sound server did not answer: %1."_s);
     // With no microphone at all, the server falls back to the monitor of an output,
     // which would transcribe whatever the computer is playing.
-    if (!source.found || source.isMonitor || !pa_sample_spec_valid(&source.spec))
+    if (!source.found || source.isMonitor || !pa_sample_spec_valid(&source.sampleFormat))
         return AudioInputFailure { noMicrophone() };
 
     m_sourceName = server.name;
-    m_sourceSpec = source.spec;
+    m_sourceSpec = source.sampleFormat;
     m_sourceMap = source.map;
     m_haveFormat = true;
     return std::nullopt;
@@ -226,16 +226,16 @@ std::optional<AudioInputFailure> PulseAudioInput::start(quint32 framesPerBuffer,
     disconnectStream();
     // Floats at the source's own rate and channel layout: the server only converts
     // the sample type, and the rest is ours to do in one place.
-    const pa_sample_spec spec { PA_SAMPLE_FLOAT32NE, m_sourceSpec.rate, m_sourceSpec.channels };
+    const pa_sample_spec sampleFormat { PA_SAMPLE_FLOAT32NE, m_sourceSpec.rate, m_sourceSpec.channels };
     const pa_channel_map* map = pa_channel_map_valid(&m_sourceMap) ? &m_sourceMap : nullptr;
-    m_stream = pa_stream_new(m_context, "Dictation", &spec, map);
+    m_stream = pa_stream_new(m_context, "Dictation", &sampleFormat, map);
     if (!m_stream) {
         const auto failure = serverFailure(u"The microphone could not be opened: %1."_s);
         pa_threaded_mainloop_unlock(m_loop);
         return failure;
     }
     m_handler = std::move(handler);
-    m_pending.assign(size_t(framesPerBuffer) * spec.channels, 0.0f);
+    m_pending.assign(size_t(framesPerBuffer) * sampleFormat.channels, 0.0f);
     m_pendingSamples = 0;
     pa_stream_set_state_callback(m_stream, &PulseAudioInput::onStreamState, this);
     pa_stream_set_read_callback(m_stream, &PulseAudioInput::onStreamRead, this);
@@ -247,7 +247,7 @@ std::optional<AudioInputFailure> PulseAudioInput::start(quint32 framesPerBuffer,
     attributes.tlength = uint32_t(-1);
     attributes.prebuf = uint32_t(-1);
     attributes.minreq = uint32_t(-1);
-    attributes.fragsize = uint32_t(framesPerBuffer * pa_frame_size(&spec));
+    attributes.fragsize = uint32_t(framesPerBuffer * pa_frame_size(&sampleFormat));
 
     std::optional<AudioInputFailure> failure;
     if (pa_stream_connect_record(m_stream, m_sourceName.constData(), &attributes, PA_STREAM_ADJUST_LATENCY) < 0) {
