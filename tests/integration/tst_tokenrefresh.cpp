@@ -5,12 +5,12 @@
 #include "Log.h"
 #include "StdoutCapture.h"
 #include "TestInfoFile.h"
+#include "TestNetwork.h"
 #include "TestTokens.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -188,13 +188,7 @@ private Q_SLOTS:
 
     void deadBackendIsATransportError()
     {
-        // A port that was just free: nothing listens there.
-        quint16 port = 0;
-        {
-            QTcpServer probe;
-            QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-            port = probe.serverPort();
-        }
+        const quint16 port = unusedLoopbackPort();
         pointConfigAt(u"http://127.0.0.1:%1"_s.arg(port));
         StdoutCapture out;
         QCOMPARE(QCoro::waitFor(KeychainHelper::performRefresh()), std::nullopt);

@@ -3,13 +3,13 @@
 #include "MemorySecretStore.h"
 #include "ScriptedStreamServer.h"
 #include "TestInfoFile.h"
+#include "TestNetwork.h"
 #include "TestTokens.h"
 #include "TranscriptionService.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QtTest>
 
 #include <vector>
@@ -271,12 +271,7 @@ private Q_SLOTS:
 
     void deadBackendFailsConnect()
     {
-        quint16 port = 0;
-        {
-            QTcpServer probe;
-            QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-            port = probe.serverPort();
-        }
+        const quint16 port = unusedLoopbackPort();
         pointConfigAt(u"http://127.0.0.1:%1"_s.arg(port));
         const std::optional<StreamConnectFailure> failure = QCoro::waitFor(m_service->connect());
         QVERIFY(failure.has_value());
