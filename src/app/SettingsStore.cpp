@@ -83,7 +83,7 @@ std::optional<QStringList> SettingsStore::decodeDictionary(const QByteArray& dat
     QStringList words;
     const QJsonArray array = doc.array();
     words.reserve(array.size());
-    for (const QJsonValue& value : array) {
+    for (const auto& value : array) {
         if (!value.isString())
             return std::nullopt;
         words.append(value.toString());
