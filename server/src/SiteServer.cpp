@@ -201,17 +201,19 @@ QHttpServerResponse SiteServer::accountPage(const QHttpServerRequest& request)
             "text/plain", "This page only answers on this computer's own address.\n", Status::Forbidden);
     const int active = m_auth.activeSignIns(m_accountName);
     const QString sessions = active < 0 ? u"The server could not count your sign-ins."_s
-        : active == 1                   ? u"Quillet is signed in once."_s
-                                        : u"Quillet is signed in %1 times."_s.arg(active);
-    const QString body
-        = u"<h1>Your account</h1>"
-          "<p>Signed in on this computer as <strong>%1</strong>. %2</p>"
-          "<form method=\"post\" action=\"/account/sign-out-everywhere\">"
-          "<input type=\"hidden\" name=\"form\" value=\"%3\">"
+        : active == 0                   ? u"No Quillet app is signed in with it right now."_s
+        : active == 1                   ? u"One Quillet sign-in is active."_s
+                                        : u"%1 Quillet sign-ins are active."_s.arg(active);
+    // With nothing signed in, offer the way in rather than a button that would do nothing.
+    const QString action = active == 0
+        ? u"<a class=\"button\" href=\"/signin?source=mac-app\">Sign in on this computer</a>"_s
+        : u"<form method=\"post\" action=\"/account/sign-out-everywhere\">"
+          "<input type=\"hidden\" name=\"form\" value=\"%1\">"
           "<button class=\"danger\" type=\"submit\">Sign out everywhere</button></form>"
           "<p class=\"muted\" style=\"margin-top:1.25rem\">Signing out everywhere ends every Quillet sign-in at once; "
-          "each app asks you to sign in again.</p>"_s.arg(
-              m_accountName.toHtmlEscaped(), sessions, m_auth.formToken(u"signout"_s));
+          "each app asks you to sign in again.</p>"_s.arg(m_auth.formToken(u"signout"_s));
+    const QString body = u"<h1>Your account</h1><p>This computer's Quillet account is <strong>%1</strong>. %2</p>%3"_s.arg(
+        m_accountName.toHtmlEscaped(), sessions, action);
     return page(u"Account"_s, body);
 }
 
