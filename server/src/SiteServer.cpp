@@ -212,8 +212,9 @@ QHttpServerResponse SiteServer::accountPage(const QHttpServerRequest& request)
           "<button class=\"danger\" type=\"submit\">Sign out everywhere</button></form>"
           "<p class=\"muted\" style=\"margin-top:1.25rem\">Signing out everywhere ends every Quillet sign-in at once; "
           "each app asks you to sign in again.</p>"_s.arg(m_auth.formToken(u"signout"_s));
-    const QString body = u"<h1>Your account</h1><p>This computer's Quillet account is <strong>%1</strong>. %2</p>%3"_s.arg(
-        m_accountName.toHtmlEscaped(), sessions, action);
+    const QString body
+        = u"<h1>Your account</h1><p>This computer's Quillet account is <strong>%1</strong>. %2</p>%3"_s.arg(
+            m_accountName.toHtmlEscaped(), sessions, action);
     return page(u"Account"_s, body);
 }
 
