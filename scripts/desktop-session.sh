@@ -85,6 +85,15 @@ CONF
     bus_args=(--config-file="$root/session-bus.conf")
   fi
 
+  # The bus daemon's own chatter (activations, the fd limit it may not raise as
+  # root) goes to a log of the session, not into every test's output.
+  cat >"$root/dbus-daemon" <<WRAP
+#!/bin/sh
+exec dbus-daemon "\$@" 2>>"$root/dbus.log"
+WRAP
+  chmod +x "$root/dbus-daemon"
+  bus_args+=(--dbus-daemon="$root/dbus-daemon")
+
   set +e
   env HOME="$root/home" XDG_CONFIG_HOME="$root/config" XDG_DATA_HOME="$root/data" \
     XDG_STATE_HOME="$root/state" XDG_CACHE_HOME="$root/cache" XDG_RUNTIME_DIR="$root/runtime" \
