@@ -112,6 +112,10 @@ QCoro::Task<std::optional<StreamConnectFailure>> TranscriptionService::connect()
                                 .toJson(QJsonDocument::Compact);
     if (!sendJSON(auth)) {
         const QString reason = socket->errorString();
+        // Without its authentication the stream is useless: drop it rather than leave it open for stop().
+        m_socket = nullptr;
+        socket->abort();
+        socket->deleteLater();
         co_return StreamConnectFailure { std::nullopt,
             reason.isEmpty() ? u"Could not reach the transcription server."_s : reason };
     }
