@@ -1,7 +1,7 @@
 // Costs on the client's hot paths: encoding one audio buffer for the stream,
 // handling one server message, and the token expiry test run before every request.
-#include "KeychainHelper.h"
-#include "TranscriptionService.h"
+#include "dictation/TranscriptionService.h"
+#include "services/KeychainHelper.h"
 
 #include <QCoreApplication>
 #include <QDateTime>

@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes to the stream client's message handling, as a hostile or
 // broken server could send them.
-#include "TranscriptionService.h"
+#include "dictation/TranscriptionService.h"
 
 #include <QByteArray>
 

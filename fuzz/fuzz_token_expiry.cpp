@@ -1,6 +1,6 @@
 // Feeds arbitrary text to the token expiry test: it must never crash, and a text
 // without a dot can never be judged fresh.
-#include "KeychainHelper.h"
+#include "services/KeychainHelper.h"
 
 #include <QString>
 

@@ -4,7 +4,7 @@
 // how much of a 10 kHz tone (above the 8 kHz that 16 kHz audio can carry) each lets
 // through as an alias.
 
-#include "AudioConverter.h"
+#include "dictation/AudioConverter.h"
 
 #include <benchmark/benchmark.h>
 #include <soxr.h>

@@ -3,10 +3,10 @@
 // many Linux dictation tools do), in the same desktop, into the same field.
 // Run inside scripts/desktop-session.sh; prints figures, asserts nothing.
 #include "FieldApp.h"
-#include "PasteKeystroke.h"
-#include "Pasteboard.h"
-#include "TextAccessibility.h"
-#include "TextInserter.h"
+#include "dictation/TextInserter.h"
+#include "platform/PasteKeystroke.h"
+#include "platform/Pasteboard.h"
+#include "platform/TextAccessibility.h"
 
 #include <QApplication>
 #include <QElapsedTimer>

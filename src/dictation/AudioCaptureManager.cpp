@@ -1,6 +1,6 @@
-#include "AudioCaptureManager.h"
+#include "dictation/AudioCaptureManager.h"
 
-#include "AudioConverter.h"
+#include "dictation/AudioConverter.h"
 
 #include <QtGlobal>
 

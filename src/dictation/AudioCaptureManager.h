@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AudioInput.h"
-#include "Pcm16Buffer.h"
+#include "dictation/Pcm16Buffer.h"
+#include "platform/AudioInput.h"
 
 #include <QString>
 
@@ -48,11 +48,24 @@ struct CaptureStartFailure {
     QString description;
 };
 
+// What a dictation asks of its microphone; AudioCaptureManager is the real one.
+class AudioCapture
+{
+public:
+    virtual ~AudioCapture() = default;
+    // Held weakly; called on the audio thread.
+    virtual void setDelegate(std::weak_ptr<AudioCaptureDelegate> delegate) = 0;
+    // Opens the input and starts capturing; nothing on success.
+    virtual std::optional<CaptureStartFailure> start() = 0;
+    // Ends capturing; no delegate call is made once it returns.
+    virtual void stop() = 0;
+};
+
 // Takes the system's default microphone while the hold-to-talk key is down and hands
 // it on in the transcription format, one converted buffer per 4,096 captured frames.
 // start() and stop() belong to the main thread; conversion and the delegate calls
 // happen on the audio input's thread. One manager per dictation.
-class AudioCaptureManager
+class AudioCaptureManager final : public AudioCapture
 {
 public:
     using InputFactory = std::function<std::unique_ptr<AudioInput>()>;
@@ -63,19 +76,19 @@ public:
     AudioCaptureManager();
     // Captures from whatever makeInput returns on each start().
     explicit AudioCaptureManager(InputFactory makeInput);
-    ~AudioCaptureManager();
+    ~AudioCaptureManager() override;
     AudioCaptureManager(const AudioCaptureManager&) = delete;
     AudioCaptureManager& operator=(const AudioCaptureManager&) = delete;
 
     // Held weakly: once its last owner lets go, buffers are converted and dropped.
     // Should that happen while a call is under way, the delegate dies on the audio
     // thread when the call returns; owners that mind stop the capture first.
-    void setDelegate(std::weak_ptr<AudioCaptureDelegate> delegate);
+    void setDelegate(std::weak_ptr<AudioCaptureDelegate> delegate) override;
 
     // Opens the default input and starts capturing; nothing on success.
-    std::optional<CaptureStartFailure> start();
+    std::optional<CaptureStartFailure> start() override;
     // Ends capturing; no delegate call is made once it returns. Safe at any time.
-    void stop();
+    void stop() override;
 
     // True from a successful start() until stop().
     bool isRunning() const { return m_running; }

@@ -1,4 +1,4 @@
-#include "AudioConverter.h"
+#include "dictation/AudioConverter.h"
 
 #include <soxr.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "AudioInput.h"
-#include "Pcm16Buffer.h"
+#include "dictation/Pcm16Buffer.h"
+#include "platform/AudioInput.h"
 
 #include <QString>
 

@@ -1,9 +1,9 @@
-#include "TextInserter.h"
+#include "dictation/TextInserter.h"
 
-#include "Log.h"
-#include "PasteKeystroke.h"
-#include "Pasteboard.h"
-#include "TextAccessibility.h"
+#include "platform/PasteKeystroke.h"
+#include "platform/Pasteboard.h"
+#include "platform/TextAccessibility.h"
+#include "services/Log.h"
 
 #include <QTextBoundaryFinder>
 #include <QTimer>

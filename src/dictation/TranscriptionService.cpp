@@ -1,7 +1,7 @@
-#include "TranscriptionService.h"
+#include "dictation/TranscriptionService.h"
 
-#include "AppConfig.h"
-#include "KeychainHelper.h"
+#include "services/AppConfig.h"
+#include "services/KeychainHelper.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -46,11 +46,29 @@ struct StreamConnectFailure {
     QString description;
 };
 
+// What a dictation asks of its stream to the backend; TranscriptionService is the real one.
+class TranscriptionStream
+{
+public:
+    virtual ~TranscriptionStream() = default;
+    // The delegate is held weakly through owner (usually the delegate itself): once
+    // owner is destroyed, no call reaches the delegate.
+    virtual void setDelegate(QObject* owner, TranscriptionDelegate* delegate) = 0;
+    // Opens the stream and authenticates; nothing on success.
+    virtual QCoro::Task<std::optional<StreamConnectFailure>> connect() = 0;
+    // Sends one buffer of 16 kHz mono signed 16-bit samples.
+    virtual void sendAudio(std::span<const qint16> samples) = 0;
+    // Asks the backend to finish the transcript.
+    virtual void stop() = 0;
+    // Closes the stream from this side with code 1000 and forgets it.
+    virtual void cancel() = 0;
+};
+
 // One dictation's stream to the backend: in-band authentication, base64 audio
 // messages, a stop message, and the server's partial/final/error messages turned
 // into delegate calls. The server closing the socket ends the transcript.
 // Lives on the main thread; one instance per dictation, never reused.
-class TranscriptionService : public QObject
+class TranscriptionService : public QObject, public TranscriptionStream
 {
     Q_OBJECT
 public:
@@ -60,21 +78,22 @@ public:
     // The delegate is held weakly: once it is destroyed, no call reaches it.
     template <typename T>
     requires std::derived_from<T, QObject> && std::derived_from<T, TranscriptionDelegate>
-    void setDelegate(T* delegate)
+    void setDelegate(T* delegate) { setDelegate(delegate, delegate); }
+    void setDelegate(QObject* owner, TranscriptionDelegate* delegate) override
     {
-        m_delegateObject = delegate;
+        m_delegateObject = owner;
         m_delegate = delegate;
     }
 
     // Opens the socket and sends the authentication message; returns once that send
     // went out, without waiting for any answer. Nothing on success.
-    QCoro::Task<std::optional<StreamConnectFailure>> connect();
+    QCoro::Task<std::optional<StreamConnectFailure>> connect() override;
     // Queues one audio message for a buffer of 16 kHz mono signed 16-bit samples.
-    void sendAudio(std::span<const qint16> samples);
+    void sendAudio(std::span<const qint16> samples) override;
     // Queues the stop message; nothing is sent while no socket exists.
-    void stop();
+    void stop() override;
     // Closes the stream from this side with code 1000 and forgets the socket.
-    void cancel();
+    void cancel() override;
 
     // True while a socket exists (connect() made one and cancel() has not dropped it).
     bool hasSocket() const { return m_socket != nullptr; }

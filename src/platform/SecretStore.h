@@ -28,3 +28,8 @@ public:
 // The platform's secret store: the desktop's keyring where one answers, or a
 // private file otherwise. Chosen once, when called.
 std::unique_ptr<SecretStore> makeSystemSecretStore();
+
+// The private-file store at path, whatever the desktop offers.
+std::unique_ptr<SecretStore> makeFileSecretStore(const QString& path);
+// Where the private-file store keeps this user's items.
+QString defaultSecretFilePath();

@@ -1,4 +1,4 @@
-#include "AppConfig.h"
+#include "services/AppConfig.h"
 
 #include <QCoreApplication>
 #include <QFile>

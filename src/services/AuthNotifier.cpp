@@ -1,4 +1,4 @@
-#include "AuthNotifier.h"
+#include "services/AuthNotifier.h"
 
 AuthNotifier& AuthNotifier::instance()
 {

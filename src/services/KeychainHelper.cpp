@@ -1,9 +1,9 @@
-#include "KeychainHelper.h"
+#include "services/KeychainHelper.h"
 
-#include "AppConfig.h"
-#include "AuthNotifier.h"
-#include "Log.h"
-#include "SecretStore.h"
+#include "platform/SecretStore.h"
+#include "services/AppConfig.h"
+#include "services/AuthNotifier.h"
+#include "services/Log.h"
 
 #include <QDateTime>
 #include <QJsonDocument>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioCaptureManager.h"
+#include "dictation/AudioCaptureManager.h"
 
 #include <QStringList>
 

@@ -1,7 +1,7 @@
 #include "AudioAnalysis.h"
-#include "AudioCaptureManager.h"
 #include "FakeAudioInput.h"
 #include "RecordingCaptureDelegate.h"
+#include "dictation/AudioCaptureManager.h"
 
 #include <QTest>
 

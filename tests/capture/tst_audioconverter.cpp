@@ -1,5 +1,5 @@
 #include "AudioAnalysis.h"
-#include "AudioConverter.h"
+#include "dictation/AudioConverter.h"
 
 #include <QTest>
 

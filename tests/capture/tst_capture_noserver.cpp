@@ -1,5 +1,5 @@
-#include "AudioCaptureManager.h"
 #include "RecordingCaptureDelegate.h"
+#include "dictation/AudioCaptureManager.h"
 
 #include <QLocalServer>
 #include <QLocalSocket>

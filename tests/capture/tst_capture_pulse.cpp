@@ -1,6 +1,6 @@
 #include "AudioAnalysis.h"
-#include "AudioCaptureManager.h"
 #include "RecordingCaptureDelegate.h"
+#include "dictation/AudioCaptureManager.h"
 
 #include <QFile>
 #include <QProcess>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "PasteKeystroke.h"
-#include "Pasteboard.h"
-#include "TextAccessibility.h"
+#include "platform/PasteKeystroke.h"
+#include "platform/Pasteboard.h"
+#include "platform/TextAccessibility.h"
 
 #include <QString>
 #include <QStringList>

@@ -2,12 +2,12 @@
 // focused by X focus and a mouse click as a user would. Runs in the project's
 // headless desktop with assistive technologies enabled.
 #include "FieldApp.h"
-#include "Log.h"
-#include "PasteKeystroke.h"
-#include "Pasteboard.h"
 #include "StdoutCapture.h"
-#include "TextAccessibility.h"
-#include "TextInserter.h"
+#include "dictation/TextInserter.h"
+#include "platform/PasteKeystroke.h"
+#include "platform/Pasteboard.h"
+#include "platform/TextAccessibility.h"
+#include "services/Log.h"
 
 #include <QFile>
 #include <QTemporaryDir>

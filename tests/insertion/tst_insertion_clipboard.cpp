@@ -2,12 +2,12 @@
 // text is pasted with a synthetic Control+V, and 0.3 s later the clipboard holds
 // what it held before (or nothing, when that was not text).
 #include "FieldApp.h"
-#include "Log.h"
-#include "PasteKeystroke.h"
-#include "Pasteboard.h"
 #include "StdoutCapture.h"
-#include "TextAccessibility.h"
-#include "TextInserter.h"
+#include "dictation/TextInserter.h"
+#include "platform/PasteKeystroke.h"
+#include "platform/Pasteboard.h"
+#include "platform/TextAccessibility.h"
+#include "services/Log.h"
 
 #include <QtTest>
 

@@ -1,9 +1,9 @@
 // The insertion algorithm against recording fakes of the accessibility
 // interface, the clipboard and the paste keystroke.
 #include "InsertionFakes.h"
-#include "Log.h"
 #include "StdoutCapture.h"
-#include "TextInserter.h"
+#include "dictation/TextInserter.h"
+#include "services/Log.h"
 
 #include <QtTest>
 

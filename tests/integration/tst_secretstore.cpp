@@ -1,6 +1,5 @@
-#include "FileSecretStore.h"
-#include "KeychainHelper.h"
-#include "SecretStore.h"
+#include "platform/SecretStore.h"
+#include "services/KeychainHelper.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -120,7 +119,7 @@ private Q_SLOTS:
     {
         const QString marker = u"token-marker-5d1c0e"_s;
         KeychainHelper::save(u"quillet.access_token"_s, marker);
-        const QString fallback = FileSecretStore::defaultPath();
+        const QString fallback = defaultSecretFilePath();
         if (m_expected == u"file"_s) {
             QVERIFY(QFileInfo::exists(fallback));
             struct stat info {
@@ -156,7 +155,7 @@ private Q_SLOTS:
             QSKIP("only the file store has a file to damage");
         KeychainHelper::save(u"quillet.access_token"_s, u"a"_s);
         {
-            QFile file(FileSecretStore::defaultPath());
+            QFile file(defaultSecretFilePath());
             QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
             file.write("{ damaged");
         }
@@ -164,7 +163,7 @@ private Q_SLOTS:
         // Writes fail silently rather than throwing the damaged file away.
         KeychainHelper::save(u"quillet.access_token"_s, u"b"_s);
         QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
-        QFile::remove(FileSecretStore::defaultPath());
+        QFile::remove(defaultSecretFilePath());
         KeychainHelper::save(u"quillet.access_token"_s, u"c"_s);
         QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"c"_s));
     }

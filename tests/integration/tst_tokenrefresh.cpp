@@ -1,12 +1,12 @@
-#include "AuthNotifier.h"
-#include "FileSecretStore.h"
 #include "HttpTestServer.h"
-#include "KeychainHelper.h"
-#include "Log.h"
 #include "StdoutCapture.h"
 #include "TestInfoFile.h"
 #include "TestNetwork.h"
 #include "TestTokens.h"
+#include "platform/SecretStore.h"
+#include "services/AuthNotifier.h"
+#include "services/KeychainHelper.h"
+#include "services/Log.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -69,7 +69,7 @@ private Q_SLOTS:
     void init()
     {
         m_dir = std::make_unique<QTemporaryDir>();
-        KeychainHelper::setStore(std::make_unique<FileSecretStore>(m_dir->filePath(u"credentials.json"_s)));
+        KeychainHelper::setStore(makeFileSecretStore(m_dir->filePath(u"credentials.json"_s)));
         m_reply = [](const HttpTestRequest&) { return HttpTestReply { 500, "{}" }; };
         m_server = std::make_unique<HttpTestServer>([this](const HttpTestRequest& r) { return m_reply(r); });
         pointConfigAt(m_server->baseUrl());

@@ -1,11 +1,11 @@
 #include "HttpTestServer.h"
-#include "KeychainHelper.h"
 #include "MemorySecretStore.h"
 #include "ScriptedStreamServer.h"
 #include "TestInfoFile.h"
 #include "TestNetwork.h"
 #include "TestTokens.h"
-#include "TranscriptionService.h"
+#include "dictation/TranscriptionService.h"
+#include "services/KeychainHelper.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SecretStore.h"
+#include "platform/SecretStore.h"
 
 #include <QMap>
 #include <QStringList>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AppConfig.h"
+#include "services/AppConfig.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

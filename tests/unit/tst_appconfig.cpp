@@ -1,5 +1,5 @@
-#include "AppConfig.h"
 #include "TestInfoFile.h"
+#include "services/AppConfig.h"
 
 #include <QtTest>
 

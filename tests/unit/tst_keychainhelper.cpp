@@ -1,6 +1,6 @@
-#include "KeychainHelper.h"
 #include "MemorySecretStore.h"
 #include "TestTokens.h"
+#include "services/KeychainHelper.h"
 
 #include <QtTest>
 

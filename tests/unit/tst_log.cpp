@@ -1,5 +1,5 @@
-#include "Log.h"
 #include "StdoutCapture.h"
+#include "services/Log.h"
 
 #include <QtTest>
 

@@ -1,4 +1,4 @@
-#include "SettingsStore.h"
+#include "services/SettingsStore.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>

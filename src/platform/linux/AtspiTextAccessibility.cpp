@@ -1,6 +1,6 @@
-#include "AtspiTextAccessibility.h"
+#include "platform/linux/AtspiTextAccessibility.h"
 
-#include "X11Focus.h"
+#include "platform/linux/X11Focus.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "TextAccessibility.h"
+#include "platform/TextAccessibility.h"
 
 #include <memory>
 

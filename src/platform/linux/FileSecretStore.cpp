@@ -1,4 +1,4 @@
-#include "FileSecretStore.h"
+#include "platform/linux/FileSecretStore.h"
 
 #include <QDir>
 #include <QFile>

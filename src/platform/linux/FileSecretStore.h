@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SecretStore.h"
+#include "platform/SecretStore.h"
 
 // Items kept in one JSON file readable and writable by the user alone (mode 0600),
 // for sessions without a Secret Service (a bare window manager). Every call reads

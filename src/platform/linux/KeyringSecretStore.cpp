@@ -1,4 +1,4 @@
-#include "KeyringSecretStore.h"
+#include "platform/linux/KeyringSecretStore.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SecretStore.h"
+#include "platform/SecretStore.h"
 
 // Items in the desktop keyring over the freedesktop Secret Service (through QtKeychain).
 // QtKeychain's jobs are asynchronous; each call here waits for its job in a local

@@ -1,4 +1,4 @@
-#include "PulseAudioInput.h"
+#include "platform/linux/PulseAudioInput.h"
 
 #include <pulse/context.h>
 #include <pulse/error.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioInput.h"
+#include "platform/AudioInput.h"
 
 #include <QByteArray>
 

@@ -1,4 +1,4 @@
-#include "QtClipboardPasteboard.h"
+#include "platform/linux/QtClipboardPasteboard.h"
 
 #include <QClipboard>
 #include <QGuiApplication>

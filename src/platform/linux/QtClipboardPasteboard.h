@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Pasteboard.h"
+#include "platform/Pasteboard.h"
 
 // The desktop clipboard through QClipboard. Under X11 the clipboard is a promise
 // by its owner, not a copy: text put there is served by this process's event

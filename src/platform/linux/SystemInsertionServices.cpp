@@ -1,6 +1,6 @@
-#include "AtspiTextAccessibility.h"
-#include "QtClipboardPasteboard.h"
-#include "XTestPasteKeystroke.h"
+#include "platform/linux/AtspiTextAccessibility.h"
+#include "platform/linux/QtClipboardPasteboard.h"
+#include "platform/linux/XTestPasteKeystroke.h"
 
 std::unique_ptr<TextAccessibility> makeSystemTextAccessibility()
 {

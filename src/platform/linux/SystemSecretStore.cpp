@@ -1,5 +1,5 @@
-#include "FileSecretStore.h"
-#include "KeyringSecretStore.h"
+#include "platform/linux/FileSecretStore.h"
+#include "platform/linux/KeyringSecretStore.h"
 
 #include <memory>
 
@@ -11,4 +11,14 @@ std::unique_ptr<SecretStore> makeSystemSecretStore()
     if (KeyringSecretStore::isAvailable(service))
         return std::make_unique<KeyringSecretStore>(service);
     return std::make_unique<FileSecretStore>(FileSecretStore::defaultPath());
+}
+
+std::unique_ptr<SecretStore> makeFileSecretStore(const QString& path)
+{
+    return std::make_unique<FileSecretStore>(path);
+}
+
+QString defaultSecretFilePath()
+{
+    return FileSecretStore::defaultPath();
 }

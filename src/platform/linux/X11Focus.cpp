@@ -1,4 +1,4 @@
-#include "X11Focus.h"
+#include "platform/linux/X11Focus.h"
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>

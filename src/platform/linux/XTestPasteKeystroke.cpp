@@ -1,6 +1,6 @@
-#include "XTestPasteKeystroke.h"
+#include "platform/linux/XTestPasteKeystroke.h"
 
-#include "X11Focus.h"
+#include "platform/linux/X11Focus.h"
 
 #include <QSet>
 

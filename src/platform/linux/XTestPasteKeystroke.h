@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PasteKeystroke.h"
+#include "platform/PasteKeystroke.h"
 
 #include <QString>
 

@@ -21,7 +21,7 @@
 
 static GtkWidget *window, *entry, *textview, *slider;
 
-static GtkWidget *field(const char *name)
+static GtkWidget* field(const char* name)
 {
     if (strcmp(name, "entry") == 0)
         return entry;
@@ -32,23 +32,23 @@ static GtkWidget *field(const char *name)
     return NULL;
 }
 
-static const char *field_name(GtkWidget *widget)
+static const char* field_name(GtkWidget* widget)
 {
     return widget == entry ? "entry" : widget == textview ? "textview" : widget == slider ? "slider" : "other";
 }
 
-static void print_b64(const char *text)
+static void print_b64(const char* text)
 {
-    gchar *encoded = g_base64_encode((const guchar *)text, strlen(text));
+    gchar* encoded = g_base64_encode((const guchar*)text, strlen(text));
     printf(" %s", *encoded ? encoded : "-");
     g_free(encoded);
 }
 
-static void report_text(const char *name)
+static void report_text(const char* name)
 {
     gchar *all, *before, *selected;
     if (strcmp(name, "entry") == 0) {
-        const char *text = gtk_entry_get_text(GTK_ENTRY(entry));
+        const char* text = gtk_entry_get_text(GTK_ENTRY(entry));
         gint caret = gtk_editable_get_position(GTK_EDITABLE(entry));
         gint start = 0, end = 0;
         gtk_editable_get_selection_bounds(GTK_EDITABLE(entry), &start, &end);
@@ -56,7 +56,7 @@ static void report_text(const char *name)
         before = gtk_editable_get_chars(GTK_EDITABLE(entry), 0, caret);
         selected = gtk_editable_get_chars(GTK_EDITABLE(entry), start, end);
     } else {
-        GtkTextBuffer *buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(textview));
+        GtkTextBuffer* buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(textview));
         GtkTextIter begin, finish, caret, start, end;
         gtk_text_buffer_get_bounds(buffer, &begin, &finish);
         gtk_text_buffer_get_iter_at_mark(buffer, &caret, gtk_text_buffer_get_insert(buffer));
@@ -75,16 +75,16 @@ static void report_text(const char *name)
     g_free(selected);
 }
 
-static void set_text(const char *name, const char *encoded, int start, int end)
+static void set_text(const char* name, const char* encoded, int start, int end)
 {
     gsize length = 0;
-    guchar *decoded = strcmp(encoded, "-") == 0 ? (guchar *)g_strdup("") : g_base64_decode(encoded, &length);
-    gchar *text = g_strndup((const gchar *)decoded, strcmp(encoded, "-") == 0 ? 0 : length);
+    guchar* decoded = strcmp(encoded, "-") == 0 ? (guchar*)g_strdup("") : g_base64_decode(encoded, &length);
+    gchar* text = g_strndup((const gchar*)decoded, strcmp(encoded, "-") == 0 ? 0 : length);
     if (strcmp(name, "entry") == 0) {
         gtk_entry_set_text(GTK_ENTRY(entry), text);
         gtk_editable_select_region(GTK_EDITABLE(entry), start, end);
     } else {
-        GtkTextBuffer *buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(textview));
+        GtkTextBuffer* buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(textview));
         GtkTextIter from, to;
         gtk_text_buffer_set_text(buffer, text, -1);
         gtk_text_buffer_get_iter_at_offset(buffer, &from, start);
@@ -97,18 +97,18 @@ static void set_text(const char *name, const char *encoded, int start, int end)
     printf("ok\n");
 }
 
-static void command(char *line)
+static void command(char* line)
 {
     char name[32] = "", encoded[4096] = "";
     int start = 0, end = 0;
     if (strcmp(line, "copy-image") == 0) {
-        GdkPixbuf *picture = gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 8, 8);
+        GdkPixbuf* picture = gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, 8, 8);
         gdk_pixbuf_fill(picture, 0xff0000ff);
         gtk_clipboard_set_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD), picture);
         g_object_unref(picture);
         printf("ok\n");
     } else if (strcmp(line, "focused") == 0) {
-        GtkWidget *focus = gtk_window_get_focus(GTK_WINDOW(window));
+        GtkWidget* focus = gtk_window_get_focus(GTK_WINDOW(window));
         printf("focused %s %d\n", focus ? field_name(focus) : "none",
             gtk_window_has_toplevel_focus(GTK_WINDOW(window)) ? 1 : 0);
     } else if (sscanf(line, "where %31s", name) == 1 && field(name)) {
@@ -129,11 +129,11 @@ static void command(char *line)
     }
 }
 
-static gboolean on_input(GIOChannel *channel, GIOCondition condition, gpointer data)
+static gboolean on_input(GIOChannel* channel, GIOCondition condition, gpointer data)
 {
     (void)condition;
     (void)data;
-    gchar *line = NULL;
+    gchar* line = NULL;
     gsize terminator = 0;
     GIOStatus status = g_io_channel_read_line(channel, &line, NULL, &terminator, NULL);
     if (status == G_IO_STATUS_EOF || status == G_IO_STATUS_ERROR) {
@@ -148,7 +148,7 @@ static gboolean on_input(GIOChannel *channel, GIOCondition condition, gpointer d
     return TRUE;
 }
 
-static gboolean on_focus_in(GtkWidget *widget, GdkEvent *event, gpointer data)
+static gboolean on_focus_in(GtkWidget* widget, GdkEvent* event, gpointer data)
 {
     (void)event;
     (void)data;
@@ -156,21 +156,22 @@ static gboolean on_focus_in(GtkWidget *widget, GdkEvent *event, gpointer data)
     return FALSE;
 }
 
-static gboolean on_key(GtkWidget *widget, GdkEventKey *event, gpointer data)
+static gboolean on_key(GtkWidget* widget, GdkEventKey* event, gpointer data)
 {
     (void)widget;
     (void)data;
-    GString *modifiers = g_string_new("");
+    GString* modifiers = g_string_new("");
     const struct {
         guint mask;
-        const char *name;
+        const char* name;
     } names[] = { { GDK_CONTROL_MASK, "control" }, { GDK_SHIFT_MASK, "shift" }, { GDK_MOD1_MASK, "alt" },
         { GDK_SUPER_MASK, "super" }, { GDK_MOD4_MASK, "mod4" }, { GDK_MOD5_MASK, "mod5" } };
     for (size_t i = 0; i < G_N_ELEMENTS(names); ++i) {
         if (event->state & names[i].mask)
             g_string_append_printf(modifiers, "%s%s", modifiers->len ? "+" : "", names[i].name);
     }
-    printf("key %s %s\n", gdk_keyval_name(gdk_keyval_to_lower(event->keyval)), modifiers->len ? modifiers->str : "none");
+    printf(
+        "key %s %s\n", gdk_keyval_name(gdk_keyval_to_lower(event->keyval)), modifiers->len ? modifiers->str : "none");
     g_string_free(modifiers, TRUE);
     return FALSE;
 }
@@ -182,7 +183,7 @@ static gboolean announce(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-static void on_mapped(GtkWidget *widget, GdkEvent *event, gpointer data)
+static void on_mapped(GtkWidget* widget, GdkEvent* event, gpointer data)
 {
     (void)widget;
     (void)event;
@@ -190,7 +191,7 @@ static void on_mapped(GtkWidget *widget, GdkEvent *event, gpointer data)
     g_idle_add(announce, NULL);
 }
 
-int main(int argc, char **argv)
+int main(int argc, char** argv)
 {
     setvbuf(stdout, NULL, _IOLBF, 0);
     gtk_init(&argc, &argv);
@@ -200,7 +201,7 @@ int main(int argc, char **argv)
     gtk_window_set_default_size(GTK_WINDOW(window), 600, 320);
     gtk_window_move(GTK_WINDOW(window), 0, 0);
 
-    GtkWidget *grid = gtk_grid_new();
+    GtkWidget* grid = gtk_grid_new();
     gtk_grid_set_row_spacing(GTK_GRID(grid), 12);
     gtk_container_set_border_width(GTK_CONTAINER(grid), 12);
     entry = gtk_entry_new();
@@ -214,14 +215,14 @@ int main(int argc, char **argv)
     gtk_grid_attach(GTK_GRID(grid), slider, 0, 2, 1, 1);
     gtk_container_add(GTK_CONTAINER(window), grid);
 
-    GtkWidget *fields[] = { entry, textview, slider };
+    GtkWidget* fields[] = { entry, textview, slider };
     for (size_t i = 0; i < G_N_ELEMENTS(fields); ++i)
         g_signal_connect(fields[i], "focus-in-event", G_CALLBACK(on_focus_in), NULL);
     g_signal_connect(window, "key-press-event", G_CALLBACK(on_key), NULL);
     g_signal_connect(window, "map-event", G_CALLBACK(on_mapped), NULL);
     g_signal_connect(window, "destroy", G_CALLBACK(gtk_main_quit), NULL);
 
-    GIOChannel *input = g_io_channel_unix_new(0);
+    GIOChannel* input = g_io_channel_unix_new(0);
     g_io_add_watch(input, G_IO_IN | G_IO_HUP | G_IO_ERR, on_input, NULL);
 
     gtk_widget_show_all(window);

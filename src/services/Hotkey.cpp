@@ -1,4 +1,4 @@
-#include "Hotkey.h"
+#include "services/Hotkey.h"
 
 using namespace Qt::StringLiterals;
 

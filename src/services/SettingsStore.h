@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Hotkey.h"
+#include "services/Hotkey.h"
 
 #include <QObject>
 #include <QSettings>
