@@ -28,6 +28,8 @@ const char* symbolText(Log::Symbol symbol)
         return "\U0001F511";
     case Log::Symbol::Insertion:
         return "\u270F\uFE0F";
+    case Log::Symbol::Start:
+        return "\u25B6\uFE0F";
     }
     return "?";
 }

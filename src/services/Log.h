@@ -17,6 +17,7 @@ enum class Symbol {
     Refreshed, // 🔄
     Key, // 🔑
     Insertion, // ✏️
+    Start, // ▶️
 };
 
 // Writes one diagnostic with a single write, so lines from two threads never interleave.
