@@ -30,6 +30,10 @@ const char* symbolText(Log::Symbol symbol)
         return "\u270F\uFE0F";
     case Log::Symbol::Start:
         return "\u25B6\uFE0F";
+    case Log::Symbol::Microphone:
+        return "\U0001F399\uFE0F";
+    case Log::Symbol::Stop:
+        return "\U0001F6D1";
     }
     return "?";
 }

@@ -18,6 +18,8 @@ enum class Symbol {
     Key, // 🔑
     Insertion, // ✏️
     Start, // ▶️
+    Microphone, // 🎙️
+    Stop, // 🛑
 };
 
 // Writes one diagnostic with a single write, so lines from two threads never interleave.

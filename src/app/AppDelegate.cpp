@@ -1,0 +1,157 @@
+#include "app/AppDelegate.h"
+
+#include "app/SignInLink.h"
+#include "app/SingleInstance.h"
+#include "dictation/DictationSession.h"
+#include "services/AppConfig.h"
+#include "services/AuthNotifier.h"
+#include "services/KeychainHelper.h"
+#include "services/Log.h"
+
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QSaveFile>
+#include <QStandardPaths>
+#include <QTimer>
+#include <QUrl>
+
+using namespace Qt::StringLiterals;
+
+AppDelegate::AppDelegate(QObject* parent)
+    : QObject(parent)
+{ }
+
+AppDelegate::~AppDelegate() = default;
+
+void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
+{
+    // Standard output is unbuffered and the program keeps no window of its own: main() did both.
+    registerUrlScheme();
+    connect(instance, &SingleInstance::linkReceived, this, &AppDelegate::handleDeepLink);
+    KeychainHelper::migrateIfNeeded();
+
+    m_menuBarController = std::make_unique<MenuBarController>(this, this);
+    m_menuBarController->configure();
+
+    connect(
+        &AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated, this,
+        [this] {
+            if (m_menuBarController)
+                m_menuBarController->rebuildMenu();
+        },
+        Qt::QueuedConnection);
+
+    pingBackend();
+}
+
+void AppDelegate::registerUrlScheme()
+{
+    // The desktop entry names this very executable, so a build run from its tree
+    // answers the browser's link as an installed one does.
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + u"/applications"_s;
+    const QString path = dir + u"/quillet.desktop"_s;
+    const QByteArray entry = "[Desktop Entry]\n"
+                             "Type=Application\n"
+                             "Name=Quillet\n"
+                             "Comment=Hold a key, speak, let go: the words appear at the cursor\n"
+                             "Exec="
+        + QCoreApplication::applicationFilePath().toUtf8()
+        + " %u\n"
+          "Icon=audio-input-microphone\n"
+          "Terminal=false\n"
+          "NoDisplay=true\n"
+          "MimeType=x-scheme-handler/quillet;\n";
+    QFile existing(path);
+    const bool current = existing.open(QIODevice::ReadOnly) && existing.readAll() == entry;
+    if (!current) {
+        QDir().mkpath(dir);
+        QSaveFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size() || !file.commit()) {
+            Log::write(
+                Log::Symbol::Warning, u"could not write "_s + path + u": sign-in links will not reach Quillet"_s);
+            return;
+        }
+    }
+    // Detached: launch never waits for the desktop's database.
+    if (!QProcess::startDetached(u"xdg-mime"_s, { u"default"_s, u"quillet.desktop"_s, u"x-scheme-handler/quillet"_s }))
+        Log::write(Log::Symbol::Warning, u"xdg-mime is not installed: sign-in links will not reach Quillet"_s);
+}
+
+void AppDelegate::handleDeepLink(const QString& link)
+{
+    const SignInLink::Result result = SignInLink::parse(link);
+    if (const auto* repeated = std::get_if<SignInLink::RepeatedName>(&result)) {
+        Log::write(Log::Symbol::Warning, u"ignored a sign-in link that repeats \"%1\""_s.arg(repeated->name.left(40)));
+        return;
+    }
+    const auto* tokens = std::get_if<SignInLink::Tokens>(&result);
+    if (!tokens)
+        return;
+    KeychainHelper::save(KeychainHelper::accessTokenKey, tokens->accessToken);
+    KeychainHelper::save(KeychainHelper::refreshTokenKey, tokens->refreshToken);
+    if (m_menuBarController)
+        m_menuBarController->rebuildMenu();
+    pingBackend();
+}
+
+void AppDelegate::hotkeyBegan(bool isToneMode)
+{
+    Log::write(Log::Symbol::Microphone, u"hotkeyBegan toneMode=%1"_s.arg(isToneMode ? u"true"_s : u"false"_s));
+    QMetaObject::invokeMethod(
+        this,
+        [this, isToneMode] {
+            if (m_dictationSession)
+                return; // the previous dictation is still finishing
+            const QPointer<AppDelegate> self(this);
+            m_dictationSession = DictationSession::create(
+                isToneMode,
+                [self] {
+                    // Released on the next turn: the session is inside its own timer right now.
+                    if (self)
+                        QTimer::singleShot(0, self, [self] { self->m_dictationSession.reset(); });
+                },
+                DictationEnvironment::system());
+            m_dictationSession->start();
+        },
+        Qt::QueuedConnection);
+}
+
+void AppDelegate::hotkeyEnded()
+{
+    Log::write(Log::Symbol::Stop, u"hotkeyEnded"_s);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (m_dictationSession)
+                m_dictationSession->stop();
+        },
+        Qt::QueuedConnection);
+}
+
+void AppDelegate::showSettings()
+{ }
+
+void AppDelegate::menuBarDidSelectSignIn()
+{
+    const QUrl url(AppConfig::siteURL() + u"/signin?source=mac-app"_s, QUrl::StrictMode);
+    if (!url.isValid() || url.scheme().isEmpty()) {
+        Log::write(Log::Symbol::Failure, u"the site address does not form a valid sign-in page address"_s);
+        return;
+    }
+    QDesktopServices::openUrl(url);
+}
+
+void AppDelegate::pingBackend()
+{
+    const QUrl url(AppConfig::apiBaseURL() + u"/health"_s, QUrl::StrictMode);
+    if (!url.isValid() || url.scheme().isEmpty())
+        return;
+    static QNetworkAccessManager* network = new QNetworkAccessManager(QCoreApplication::instance());
+    QNetworkReply* reply = network->get(QNetworkRequest(url));
+    QObject::connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "app/MenuBarController.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <memory>
+
+class DictationSession;
+class QNetworkAccessManager;
+class SingleInstance;
+
+// The root of the running program: wires everything at launch, owns the tray menu,
+// the key monitor, the dictation in progress and the two windows, turns key edges
+// into dictations and takes the sign-in link from the browser.
+class AppDelegate : public QObject, public MenuBarDelegate
+{
+    Q_OBJECT
+public:
+    explicit AppDelegate(QObject* parent = nullptr);
+    ~AppDelegate() override;
+
+    // The launch sequence; instance is the already-listening single-instance socket.
+    void applicationDidFinishLaunching(SingleInstance* instance);
+
+    // A quillet:// link, from the command line or from a later start.
+    void handleDeepLink(const QString& link);
+
+    // The dictation key went down (isToneMode: a double tap) or up.
+    void hotkeyBegan(bool isToneMode);
+    void hotkeyEnded();
+
+    void showSettings() override;
+    void menuBarDidSelectSignIn() override;
+
+    MenuBarController* menuBarController() const { return m_menuBarController.get(); }
+    bool hasDictationSession() const { return m_dictationSession != nullptr; }
+
+    // One unauthenticated request to the backend's health address; the answer is ignored.
+    static void pingBackend();
+
+private:
+    void registerUrlScheme();
+
+    std::unique_ptr<MenuBarController> m_menuBarController;
+    std::shared_ptr<DictationSession> m_dictationSession;
+};
