@@ -67,7 +67,7 @@ void HttpTestServer::onReadyRead(QTcpSocket* socket)
 
 void HttpTestServer::send(const Pending& pending)
 {
-    if (!pending.socket)
+    if (!pending.socket || pending.reply.silent)
         return;
     if (pending.reply.drop) {
         pending.socket->abort();

@@ -22,6 +22,7 @@ struct HttpTestReply {
     QByteArray body;
     QByteArray contentType = "application/json";
     bool drop = false; // close the connection without answering
+    bool silent = false; // keep the connection open and never answer
 };
 
 // A small real HTTP/1.1 server on loopback, answering each request with whatever the
