@@ -61,26 +61,16 @@ bool run(const QString& program, const QStringList& arguments, QByteArray* outpu
     return true;
 }
 
-// Seconds of tone in the capture: from the first to the end of the last 5 ms window
-// louder than half the tone's level.
-double capturedToneSeconds(const std::vector<qint16>& samples, double toneRms)
+// Seconds of tone in the capture: from the first to the last sample above half the
+// tone's amplitude (the clip is digital silence elsewhere), to about a millisecond.
+double capturedToneSeconds(const std::vector<qint16>& samples, double amplitude)
 {
-    constexpr size_t window = 80;
-    long first = -1;
-    long last = -1;
-    for (size_t k = 0; (k + 1) * window <= samples.size(); ++k) {
-        double sum = 0;
-        for (size_t i = 0; i < window; ++i)
-            sum += double(samples[k * window + i]) * double(samples[k * window + i]);
-        if (std::sqrt(sum / window) > toneRms / 2) {
-            if (first < 0)
-                first = long(k);
-            last = long(k);
-        }
-    }
-    if (first < 0)
+    const auto loud = [amplitude](qint16 s) { return std::abs(double(s)) > amplitude / 2; };
+    const auto first = std::find_if(samples.begin(), samples.end(), loud);
+    if (first == samples.end())
         return 0;
-    return double(last + 1 - first) * window / 16000.0;
+    const auto last = std::find_if(samples.rbegin(), samples.rend(), loud);
+    return double(std::distance(first, last.base())) / 16000.0;
 }
 
 } // namespace
@@ -119,7 +109,7 @@ int main(int argc, char** argv)
     modules << QString::fromUtf8(id.trimmed());
     run(u"pactl"_s, { u"set-default-source"_s, u"bench48"_s });
 
-    const double toneRms = 0.5 * 32768 / std::sqrt(2.0);
+    const double amplitude = 0.5 * 32768;
     std::vector<double> lost;
     for (int t = 0; t < trials; ++t) {
         auto collector = std::make_shared<Collector>();
@@ -135,7 +125,7 @@ int main(int argc, char** argv)
         stopping.start();
         capture.stop();
         const double stopMs = double(stopping.nsecsElapsed()) / 1e6;
-        const double heard = capturedToneSeconds(collector->samples(), toneRms);
+        const double heard = capturedToneSeconds(collector->samples(), amplitude);
         lost.push_back((toneSeconds - heard) * 1000);
         std::printf("trial %2d: audio lost at stop %6.1f ms (stop() took %.1f ms)\n", t + 1, lost.back(), stopMs);
     }
