@@ -11,7 +11,7 @@ packages=(
   qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
   qml6-module-qtquick-window qml6-module-qtqml-workerscript
   libqt6sql6-sqlite libqt6svg6 qt6-qpa-plugins
-  qcoro-qt6-dev qtkeychain-qt6-dev libsecret-1-dev
+  qcoro-qt6-dev libsecret-1-dev
   # platform layers
   libx11-dev libxi-dev libxtst-dev libatspi2.0-dev libpulse-dev libsoxr-dev libspeexdsp-dev
   libgtk-3-dev

@@ -4,7 +4,9 @@
 
 #include <QtGlobal>
 
+#include <algorithm>
 #include <new>
+#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -23,6 +25,12 @@ QString CaptureError::errorDescription() const
 struct AudioCaptureManager::Tap {
     std::unique_ptr<AudioConverter> converter;
     std::atomic<AudioCaptureManager*> manager;
+    // Set by stop() before it asks the input for the rest: from then on buffers are
+    // gathered into tail, to go out with the resampler's delay as one last buffer.
+    // The input never runs the handler twice at once and stop() waits for it, so
+    // tail needs no lock of its own.
+    std::atomic<bool> finishing = false;
+    std::vector<qint16> tail;
 
     std::shared_ptr<AudioCaptureDelegate> delegate() const
     {
@@ -35,6 +43,13 @@ struct AudioCaptureManager::Tap {
 
     void process(const AudioFrames& frames)
     {
+        if (!manager.load())
+            return;
+        if (finishing.load()) {
+            if (const std::optional<QString> error = converter->convertAll(frames, tail))
+                fail(*error);
+            return;
+        }
         const std::optional<quint32> capacity
             = outputFrameCapacity(frames.frameLength, converter->inputFormat().sampleRate);
         if (!capacity)
@@ -55,6 +70,35 @@ struct AudioCaptureManager::Tap {
             target->audioCaptureDidFail(*error);
         else
             target->audioCaptureDidReceive(std::move(output));
+    }
+
+    void fail(const QString& error) const
+    {
+        if (const std::shared_ptr<AudioCaptureDelegate> target = delegate())
+            target->audioCaptureDidFail(error);
+    }
+
+    // The end of the utterance: what the input handed over while stopping, what the
+    // converter still owed, and the resampler's delay, in one buffer.
+    void finish()
+    {
+        if (const std::optional<QString> error = converter->finish(tail)) {
+            fail(*error);
+            return;
+        }
+        if (tail.empty())
+            return;
+        Pcm16Buffer last;
+        try {
+            last = Pcm16Buffer(quint32(tail.size()));
+        } catch (const std::bad_alloc&) {
+            return;
+        }
+        std::copy(tail.begin(), tail.end(), last.storage().begin());
+        last.setFrameLength(quint32(tail.size()));
+        tail.clear();
+        if (const std::shared_ptr<AudioCaptureDelegate> target = delegate())
+            target->audioCaptureDidReceive(std::move(last));
     }
 };
 
@@ -109,11 +153,17 @@ std::optional<CaptureStartFailure> AudioCaptureManager::start()
 
 void AudioCaptureManager::stop()
 {
+    if (m_tap)
+        m_tap->finishing = true;
     if (m_engine) {
-        // The input's stop() waits for a buffer under way; after it nothing is delivered.
+        // The input's stop() waits for a buffer under way and hands the tap what it
+        // still holds, on this thread; after it nothing is delivered.
         m_engine->stop();
         m_engine.reset();
     }
+    // Only a capture that got going has an utterance to finish.
+    if (m_tap && m_running)
+        m_tap->finish();
     // An input that breaks its word and delivers late still cannot reach the delegate.
     if (m_tap) {
         m_tap->manager = nullptr;

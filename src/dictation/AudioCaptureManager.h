@@ -11,9 +11,12 @@
 #include <mutex>
 #include <optional>
 
-// What the capture reports to its owner. Both calls come from the audio thread, one
+// What the capture reports to its owner. The calls come from the audio thread, one
 // per captured buffer; a delegate hands its work to its own thread and never waits
 // there for the main thread (stop() on the main thread waits for a call under way).
+// The one exception is the end of the utterance: stop() itself, on the thread that
+// calls it (the main thread), hands over what was captured but not yet delivered,
+// with the resampler's delay, as one last shorter buffer before it returns.
 class AudioCaptureDelegate
 {
 public:
@@ -57,7 +60,8 @@ public:
     virtual void setDelegate(std::weak_ptr<AudioCaptureDelegate> delegate) = 0;
     // Opens the input and starts capturing; nothing on success.
     virtual std::optional<CaptureStartFailure> start() = 0;
-    // Ends capturing; no delegate call is made once it returns.
+    // Ends capturing, handing over the rest of what was captured first; no delegate
+    // call is made once it returns.
     virtual void stop() = 0;
 };
 
@@ -87,7 +91,9 @@ public:
 
     // Opens the default input and starts capturing; nothing on success.
     std::optional<CaptureStartFailure> start() override;
-    // Ends capturing; no delegate call is made once it returns. Safe at any time.
+    // Ends capturing: whatever the input still holds and whatever the resampler holds
+    // back reaches the delegate as one last buffer, from this thread, before it
+    // returns; no delegate call is made afterwards. Safe at any time.
     void stop() override;
 
     // True from a successful start() until stop().

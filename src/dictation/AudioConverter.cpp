@@ -25,7 +25,7 @@ std::optional<quint32> outputFrameCapacity(quint32 frameLength, double inputSamp
     const double frames = double(frameLength) * Pcm16Buffer::sampleRate / inputSampleRate;
     if (!std::isfinite(frames) || frames < 0 || frames >= double(std::numeric_limits<quint32>::max()) + 1.0)
         return std::nullopt;
-    return quint32(frames);
+    return quint32(std::ceil(frames));
 }
 
 std::unique_ptr<AudioConverter> AudioConverter::create(const AudioFormat& input, QString* error)
@@ -71,8 +71,11 @@ AudioConverter::~AudioConverter()
     soxr_delete(m_resampler);
 }
 
-std::optional<QString> AudioConverter::convert(const AudioFrames& input, Pcm16Buffer& output)
+std::optional<QString> AudioConverter::resample(const AudioFrames& input, size_t& made)
 {
+    made = 0;
+    if (m_finished)
+        return u"The converter has already been finished."_s;
     const auto channels = size_t(m_input.channelCount);
     const size_t frames = input.frameLength;
     if (input.samples.size() < frames * channels)
@@ -96,14 +99,13 @@ std::optional<QString> AudioConverter::convert(const AudioFrames& input, Pcm16Bu
     }
 
     // soxr takes only as much input as the output room it is given can hold. Handed
-    // the output buffer alone (a third of 4,096 frames at 48 kHz, rounded down), it
-    // would leave a frame of every buffer behind, a click each time; so it gets room
-    // for the whole buffer, and whatever overflows is owed to the next one.
+    // the output buffer alone, it would leave input behind whenever a buffer's share
+    // comes out a frame above the room, a click each time; so it gets room for the
+    // whole buffer, and whatever overflows is owed to the next one.
     const size_t expected = size_t(double(frames) * Pcm16Buffer::sampleRate / m_input.sampleRate) + 64;
     if (m_made.size() < expected)
         m_made.resize(expected);
     size_t consumed = 0;
-    size_t made = 0;
     while (consumed < frames) {
         size_t used = 0;
         size_t madeNow = 0;
@@ -117,7 +119,14 @@ std::optional<QString> AudioConverter::convert(const AudioFrames& input, Pcm16Bu
         else if (used == 0 && madeNow == 0)
             return u"The resampler took no input."_s;
     }
+    return std::nullopt;
+}
 
+std::optional<QString> AudioConverter::convert(const AudioFrames& input, Pcm16Buffer& output)
+{
+    size_t made = 0;
+    if (auto error = resample(input, made))
+        return error;
     const std::span<qint16> room = output.storage();
     const size_t fromOwed = std::min(m_owed.size(), room.size());
     std::copy_n(m_owed.begin(), fromOwed, room.begin());
@@ -127,4 +136,35 @@ std::optional<QString> AudioConverter::convert(const AudioFrames& input, Pcm16Bu
     m_owed.insert(m_owed.end(), m_made.begin() + long(fromMade), m_made.begin() + long(made));
     output.setFrameLength(quint32(fromOwed + fromMade));
     return std::nullopt;
+}
+
+std::optional<QString> AudioConverter::convertAll(const AudioFrames& input, std::vector<qint16>& output)
+{
+    size_t made = 0;
+    if (auto error = resample(input, made))
+        return error;
+    output.insert(output.end(), m_owed.begin(), m_owed.end());
+    m_owed.clear();
+    output.insert(output.end(), m_made.begin(), m_made.begin() + long(made));
+    return std::nullopt;
+}
+
+std::optional<QString> AudioConverter::finish(std::vector<qint16>& output)
+{
+    if (m_finished)
+        return u"The converter has already been finished."_s;
+    m_finished = true;
+    output.insert(output.end(), m_owed.begin(), m_owed.end());
+    m_owed.clear();
+    // No input tells soxr the stream has ended: it then runs its filter over the
+    // samples it was holding back and gives them out, a few calls' worth at most.
+    for (;;) {
+        size_t madeNow = 0;
+        if (const soxr_error_t error
+            = soxr_process(m_resampler, nullptr, 0, nullptr, m_made.data(), m_made.size(), &madeNow))
+            return QString::fromUtf8(error);
+        if (madeNow == 0)
+            return std::nullopt;
+        output.insert(output.end(), m_made.begin(), m_made.begin() + long(madeNow));
+    }
 }

@@ -34,7 +34,8 @@ struct AudioInputFailure {
 class AudioInput
 {
 public:
-    // Called on the input's own thread, once per buffer, never twice at the same time.
+    // Called on the input's own thread, once per buffer, never twice at the same time;
+    // the last calls, from stop(), come on the thread that stops the input.
     using BufferHandler = std::function<void(const AudioFrames&)>;
 
     virtual ~AudioInput() = default;
@@ -44,7 +45,10 @@ public:
     virtual std::variant<AudioFormat, AudioInputFailure> inputFormat() = 0;
     // Starts delivering buffers of framesPerBuffer frames in inputFormat() to handler.
     virtual std::optional<AudioInputFailure> start(quint32 framesPerBuffer, BufferHandler handler) = 0;
-    // Ends delivery; on return the handler is neither running nor called again. Safe twice.
+    // Ends delivery. Everything captured so far that the handler has not had yet goes
+    // to it first, on the calling thread, the last buffer shorter than framesPerBuffer
+    // if that is all there is; on return the handler is neither running nor called
+    // again. Safe twice.
     virtual void stop() = 0;
 };
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <variant>
+#include <vector>
 
 // What a FakeAudioInput was asked to do, and what it answers. Outlives the inputs
 // that the manager makes and destroys, so a test can look afterwards.
@@ -23,6 +24,11 @@ struct FakeAudioInputRecord {
     // The last handler given to start(), kept after stop() so a test can play an
     // input that delivers late.
     AudioInput::BufferHandler handler;
+
+    // What the input still holds when it is stopped (interleaved, in the format's
+    // channels): handed to the handler from stop(), as a real input does.
+    std::vector<float> rest;
+    int restDeliveries = 0;
 };
 
 // An audio input that captures nothing by itself: the test delivers the buffers.
@@ -58,6 +64,12 @@ public:
     void stop() override
     {
         ++m_record->stops;
+        if (m_record->running && !m_record->rest.empty()) {
+            const auto* format = std::get_if<AudioFormat>(&m_record->format);
+            const auto channels = size_t(format ? format->channelCount : 1);
+            ++m_record->restDeliveries;
+            m_record->handler(AudioFrames { m_record->rest, quint32(m_record->rest.size() / channels) });
+        }
         m_record->running = false;
     }
 

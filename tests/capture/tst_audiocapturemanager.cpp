@@ -55,6 +55,9 @@ private Q_SLOTS:
     void buffersAreDroppedOnceTheDelegateIsGone();
     void aBufferThatCannotBeConvertedIsReportedAndCaptureGoesOn();
     void oneCallPerBufferInOrder();
+    void stopHandsOverTheResamplersDelayAsOneLastBuffer();
+    void stopHandsOverWhatTheInputStillHeldInTheSameLastBuffer();
+    void stopAfterAFailedStartDeliversNothing();
 };
 
 void TestAudioCaptureManager::converterFailedDescription()
@@ -80,10 +83,12 @@ void TestAudioCaptureManager::buffersHaveTheCapacityOfTheInputRate_data()
     QTest::addColumn<double>("rate");
     QTest::addColumn<int>("channels");
     QTest::addColumn<quint32>("capacity");
-    QTest::newRow("48 kHz stereo") << 48000.0 << 2 << 1365u;
-    QTest::newRow("44.1 kHz mono") << 44100.0 << 1 << 1486u;
+    // A third of a frame above 1,365 at 48 kHz is rounded up, so the resampler's
+    // output never piles up behind the buffers.
+    QTest::newRow("48 kHz stereo") << 48000.0 << 2 << 1366u;
+    QTest::newRow("44.1 kHz mono") << 44100.0 << 1 << 1487u;
     QTest::newRow("16 kHz mono") << 16000.0 << 1 << 4096u;
-    QTest::newRow("96 kHz, 4 channels") << 96000.0 << 4 << 682u;
+    QTest::newRow("96 kHz, 4 channels") << 96000.0 << 4 << 683u;
 }
 
 void TestAudioCaptureManager::buffersHaveTheCapacityOfTheInputRate()
@@ -199,9 +204,13 @@ void TestAudioCaptureManager::noDelegateCallAfterStop()
 
     rig.manager.stop();
     QVERIFY(!rig.record->running);
-    // An input that delivers one more buffer after being stopped still reaches no one.
+    // stop() hands over the resampler's delay as one last buffer...
+    QCOMPARE(rig.delegate->calls(), size_t(2));
+    // ...and an input that delivers one more buffer after being stopped reaches no one.
     deliverOnAudioThread(*rig.record, samples, 4096);
-    QCOMPARE(rig.delegate->calls(), size_t(1));
+    QCOMPARE(rig.delegate->calls(), size_t(2));
+    rig.manager.stop();
+    QCOMPARE(rig.delegate->calls(), size_t(2));
 }
 
 void TestAudioCaptureManager::destroyingTheManagerStopsTheInput()
@@ -292,6 +301,78 @@ void TestAudioCaptureManager::oneCallPerBufferInOrder()
         QVERIFY(samples.size() > 4000);
         QCOMPARE(samples[100], qint16(std::lround(double(b) / 100.0 * 32768)));
     }
+}
+
+void TestAudioCaptureManager::stopHandsOverTheResamplersDelayAsOneLastBuffer()
+{
+    Rig rig;
+    const AudioFormat format { 48000, 2 };
+    QCOMPARE(rig.manager.start(), std::nullopt);
+    std::thread audio([&] {
+        for (int b = 0; b < 6; ++b) {
+            const auto samples = tone(format, size_t(b) * 4096);
+            rig.record->handler(AudioFrames { samples, 4096 });
+        }
+    });
+    audio.join();
+    const auto whileRunning = rig.delegate->buffers();
+    QCOMPARE(whileRunning.size(), size_t(6));
+    size_t heard = 0;
+    for (const Pcm16Buffer& buffer : whileRunning)
+        heard += buffer.frameLength();
+    // soxr holds back a few dozen milliseconds while the stream goes on.
+    QVERIFY2(heard < 6 * 4096 / 3 - 100, qPrintable(QString::number(heard)));
+
+    rig.manager.stop();
+    const auto buffers = rig.delegate->buffers();
+    QCOMPARE(buffers.size(), size_t(7));
+    const Pcm16Buffer& last = buffers.back();
+    // All of it in one buffer, made on the stopping thread before stop() returned:
+    // together, every frame that went in, to a frame.
+    QCOMPARE(last.frameLength(), last.frameCapacity());
+    QCOMPARE(size_t(last.frameLength()), size_t(6 * 4096 / 3) - heard);
+    QCOMPARE(rig.delegate->threads().back(), std::this_thread::get_id());
+    // It is the end of the tone, not silence.
+    const double expectedRms = 0.5 * 32768 / std::sqrt(2.0);
+    const double level = AudioAnalysis::rms(last.samples().first(last.frameLength() - 32));
+    QVERIFY2(std::abs(level - expectedRms) < 0.05 * expectedRms, qPrintable(QString::number(level)));
+    QVERIFY(rig.delegate->failures().isEmpty());
+}
+
+void TestAudioCaptureManager::stopHandsOverWhatTheInputStillHeldInTheSameLastBuffer()
+{
+    Rig rig;
+    const AudioFormat format { 48000, 2 };
+    QCOMPARE(rig.manager.start(), std::nullopt);
+    for (int b = 0; b < 3; ++b)
+        deliverOnAudioThread(*rig.record, tone(format, size_t(b) * 4096), 4096);
+    // The sound server's last, partly filled fragment: 1,200 frames, 25 ms.
+    rig.record->rest = AudioAnalysis::sine(1200, 48000, 440, { 0.5f, 0.5f }, 3 * 4096);
+
+    rig.manager.stop();
+    QCOMPARE(rig.record->restDeliveries, 1);
+    const auto buffers = rig.delegate->buffers();
+    // Three while running and one at the end, in which the partial fragment and the
+    // resampler's delay travel together.
+    QCOMPARE(buffers.size(), size_t(4));
+    size_t total = 0;
+    for (const Pcm16Buffer& buffer : buffers)
+        total += buffer.frameLength();
+    QCOMPARE(total, size_t(std::lround((3.0 * 4096 + 1200) / 3)));
+    QVERIFY(buffers.back().frameLength() > 400);
+    QCOMPARE(rig.delegate->threads().back(), std::this_thread::get_id());
+
+    deliverOnAudioThread(*rig.record, tone(format), 4096);
+    QCOMPARE(rig.delegate->calls(), size_t(4));
+}
+
+void TestAudioCaptureManager::stopAfterAFailedStartDeliversNothing()
+{
+    Rig rig;
+    rig.record->startFailure = AudioInputFailure { u"The microphone could not be opened: No such entity."_s };
+    QVERIFY(rig.manager.start().has_value());
+    rig.manager.stop();
+    QCOMPARE(rig.delegate->calls(), size_t(0));
 }
 
 QTEST_GUILESS_MAIN(TestAudioCaptureManager)

@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
+#include <cmath>
 #include <thread>
 
 using namespace Qt::StringLiterals;
@@ -21,6 +23,7 @@ private Q_SLOTS:
     void initTestCase();
     void capturesTheDefaultSourceAsPlayed_data();
     void capturesTheDefaultSourceAsPlayed();
+    void theEndOfTheUtteranceIsKept();
     void followsTheDefaultSourceWhenItChanges();
     void aMonitorAsDefaultIsNoMicrophone();
     void cleanupTestCase();
@@ -37,6 +40,7 @@ private:
     std::vector<qint16> reference(const QString& file);
     QString wav(const QString& name) const { return m_dir.filePath(name + u".wav"_s); }
 
+    static constexpr double toneSeconds = 0.8;
     QTemporaryDir m_dir;
     QStringList m_modules;
 };
@@ -104,6 +108,11 @@ void TestCapturePulse::initTestCase()
             u"48000"_s });
     run(u"sox"_s, { wav(u"speech"_s), u"-b"_s, u"16"_s, wav(u"speech44m"_s), u"rate"_s, u"-v"_s, u"44100"_s });
     run(u"sox"_s, { wav(u"speech"_s), u"-b"_s, u"16"_s, wav(u"speech16m"_s), u"rate"_s, u"-v"_s, u"16000"_s });
+    // A word that runs right to the end of the clip: a loud tone up to its last
+    // sample, after some silence, at 48 kHz stereo.
+    run(u"sox"_s,
+        { u"-n"_s, u"-r"_s, u"48000"_s, u"-c"_s, u"2"_s, u"-b"_s, u"16"_s, wav(u"toneAtEnd"_s), u"synth"_s,
+            QString::number(toneSeconds), u"sine"_s, u"1000"_s, u"vol"_s, u"0.5"_s, u"pad"_s, u"0.4"_s, u"0"_s });
 }
 
 void TestCapturePulse::cleanupTestCase()
@@ -119,8 +128,8 @@ void TestCapturePulse::capturesTheDefaultSourceAsPlayed_data()
     QTest::addColumn<int>("channels");
     QTest::addColumn<QString>("file");
     QTest::addColumn<quint32>("capacity");
-    QTest::newRow("48 kHz stereo") << 48000 << 2 << u"speech48s"_s << 1365u;
-    QTest::newRow("44.1 kHz mono") << 44100 << 1 << u"speech44m"_s << 1486u;
+    QTest::newRow("48 kHz stereo") << 48000 << 2 << u"speech48s"_s << 1366u;
+    QTest::newRow("44.1 kHz mono") << 44100 << 1 << u"speech44m"_s << 1487u;
     QTest::newRow("16 kHz mono") << 16000 << 1 << u"speech16m"_s << 4096u;
 }
 
@@ -159,13 +168,18 @@ void TestCapturePulse::capturesTheDefaultSourceAsPlayed()
     QVERIFY(buffers.size() > 5);
     QVERIFY(delegate->failures().isEmpty());
     std::vector<qint16> recording;
-    for (const Pcm16Buffer& buffer : buffers) {
-        QCOMPARE(buffer.frameCapacity(), capacity);
-        QVERIFY(buffer.frameLength() <= buffer.frameCapacity());
-        recording.insert(recording.end(), buffer.samples().begin(), buffer.samples().end());
+    for (size_t i = 0; i < buffers.size(); ++i) {
+        // All but the last, which stop() makes of whatever was left, whatever its size.
+        if (i + 1 < buffers.size())
+            QCOMPARE(buffers[i].frameCapacity(), capacity);
+        QVERIFY(buffers[i].frameLength() <= buffers[i].frameCapacity());
+        recording.insert(recording.end(), buffers[i].samples().begin(), buffers[i].samples().end());
     }
-    for (const std::thread::id id : delegate->threads())
-        QVERIFY(id != std::this_thread::get_id());
+    // Every buffer comes from the audio thread but the last, which stop() hands over.
+    const std::vector<std::thread::id> threads = delegate->threads();
+    for (size_t i = 0; i + 1 < threads.size(); ++i)
+        QVERIFY(threads[i] != std::this_thread::get_id());
+    QCOMPARE(threads.back(), std::this_thread::get_id());
 
     // QUILLET_CAPTURE_DUMP=/some/prefix keeps what was heard, as raw 16 kHz mono
     // s16le, for listening to when this test fails.
@@ -199,6 +213,43 @@ void TestCapturePulse::capturesTheDefaultSourceAsPlayed()
     QVERIFY2(std::abs(duration - 1) < 0.05, qPrintable(QString::number(duration)));
 }
 
+void TestCapturePulse::theEndOfTheUtteranceIsKept()
+{
+    const QString microphone = addMicrophone(u"tail48"_s, 48000, 2);
+    setDefaultSource(microphone);
+    auto delegate = std::make_shared<RecordingCaptureDelegate>();
+    AudioCaptureManager capture;
+    capture.setDelegate(delegate);
+    QCOMPARE(capture.start(), std::nullopt);
+    // The key comes up the moment the speaker falls silent.
+    play(microphone, wav(u"toneAtEnd"_s));
+    capture.stop();
+
+    std::vector<qint16> recording;
+    for (const Pcm16Buffer& buffer : delegate->buffers())
+        recording.insert(recording.end(), buffer.samples().begin(), buffer.samples().end());
+    QVERIFY(delegate->failures().isEmpty());
+
+    // The tone from its first to its last sample above half its amplitude: the clip is
+    // digital silence elsewhere, so this is how much of it was captured.
+    const double amplitude = 0.5 * 32768;
+    const auto loud = [amplitude](qint16 s) { return std::abs(double(s)) > amplitude / 2; };
+    const auto first = std::find_if(recording.begin(), recording.end(), loud);
+    QVERIFY2(first != recording.end(), "no tone was captured");
+    const auto last = std::find_if(recording.rbegin(), recording.rend(), loud).base();
+    const double captured = double(std::distance(first, last)) / 16000;
+    qInfo("%.1f ms of the %.0f ms tone captured", captured * 1000, toneSeconds * 1000);
+    QVERIFY2(std::abs(captured - toneSeconds) <= 0.020, qPrintable(QString::number(captured)));
+
+    // And its last 50 ms are there at full strength, not faded or cut.
+    const auto end = size_t(std::distance(recording.begin(), last));
+    QVERIFY(end >= 800);
+    const double finalRms = AudioAnalysis::rms(std::span<const qint16>(recording).subspan(end - 800, 800));
+    const double toneRms = amplitude / std::sqrt(2.0);
+    qInfo("last 50 ms of the tone at %.3f of its level", finalRms / toneRms);
+    QVERIFY2(finalRms > 0.9 * toneRms && finalRms < 1.1 * toneRms, qPrintable(QString::number(finalRms)));
+}
+
 void TestCapturePulse::followsTheDefaultSourceWhenItChanges()
 {
     const QString first = addMicrophone(u"switchA"_s, 48000, 2);
@@ -229,7 +280,8 @@ void TestCapturePulse::followsTheDefaultSourceWhenItChanges()
     const std::vector<Pcm16Buffer> buffers = delegate->buffers();
     std::vector<qint16> whileOld, whileNew;
     for (size_t i = before; i < buffers.size(); ++i) {
-        QCOMPARE(buffers[i].frameCapacity(), 4096u);
+        if (i + 1 < buffers.size())
+            QCOMPARE(buffers[i].frameCapacity(), 4096u);
         auto& target = i < afterOld ? whileOld : whileNew;
         target.insert(target.end(), buffers[i].samples().begin(), buffers[i].samples().end());
     }

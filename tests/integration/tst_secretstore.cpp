@@ -5,6 +5,7 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QProcess>
+#include <QTimer>
 #include <QtTest>
 
 #include <sys/stat.h>
@@ -147,6 +148,73 @@ private Q_SLOTS:
                 QVERIFY2(!file.readAll().contains(marker.toUtf8()), qPrintable(file.fileName()));
             }
         }
+    }
+
+    void keychainCallsHandleNoQtEvents()
+    {
+        // A timer that is due and a queued call are waiting when the store is used;
+        // neither may run inside a store call, or a hotkey or HUD callback could
+        // re-enter the dictation in the middle of a token read.
+        int timerRuns = 0;
+        int queuedRuns = 0;
+        QObject context;
+        const auto ranDuring = [&](const char* during) {
+            return u"Qt events ran during %1 (timer %2, queued call %3)"_s.arg(QString::fromLatin1(during))
+                .arg(timerRuns)
+                .arg(queuedRuns);
+        };
+        const auto nothingRan = [&] { return timerRuns == 0 && queuedRuns == 0; };
+        const auto postBoth = [&] {
+            QTimer::singleShot(0, &context, [&] { ++timerRuns; });
+            QMetaObject::invokeMethod(
+                &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
+        };
+
+        postBoth();
+        QCOMPARE(store().add(u"quillet.access_token"_s, "abc"), SecretStore::Status::Success);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("add")));
+        QByteArray data;
+        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::Success);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy")));
+        QCOMPARE(store().copy(u"quillet.refresh_token"_s, data), SecretStore::Status::NotFound);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy of a missing item")));
+        QCOMPARE(store().remove(u"quillet.access_token"_s), SecretStore::Status::Success);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("remove")));
+        KeychainHelper::save(u"quillet.access_token"_s, u"t"_s);
+        KeychainHelper::load(u"quillet.access_token"_s);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("KeychainHelper::save and load")));
+        QCOMPARE(makeSystemSecretStore()->backendName(), m_expected);
+        QVERIFY2(nothingRan(), qPrintable(ranDuring("choosing the store")));
+
+        // Both were really pending: they run as soon as the loop gets control back.
+        QTRY_COMPARE(timerRuns, 1);
+        QTRY_COMPARE(queuedRuns, 1);
+    }
+
+    void itemsOfTheEarlierBuildAreFound()
+    {
+        if (m_expected != u"Secret Service"_s)
+            QSKIP("only the Secret Service kept items of the earlier build");
+        // Items exactly as the QtKeychain-based build wrote them: binary data as base64
+        // text, and text written as plain text by other QtKeychain users.
+        const auto storeLikeBefore = [this](const QString& account, const QString& type, const QByteArray& secret) {
+            QProcess tool;
+            tool.start(u"secret-tool"_s,
+                { u"store"_s, u"--label=Quillet"_s, u"xdg:schema"_s, u"org.qt.keychain"_s, u"user"_s, account,
+                    u"server"_s, u"Quillet"_s, u"type"_s, type });
+            QVERIFY(tool.waitForStarted());
+            tool.write(secret);
+            tool.closeWriteChannel();
+            QVERIFY(tool.waitForFinished(10000));
+            QCOMPARE(tool.exitCode(), 0);
+        };
+        storeLikeBefore(u"quillet.access_token"_s, u"base64"_s, QByteArray("tök€n").toBase64());
+        storeLikeBefore(u"quillet.refresh_token"_s, u"plaintext"_s, "refresh-plain");
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"tök€n"_s));
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::optional<QString>(u"refresh-plain"_s));
+        KeychainHelper::clearTokens();
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
+        QCOMPARE(KeychainHelper::load(u"quillet.refresh_token"_s), std::nullopt);
     }
 
     void unreadableFallbackFileCountsAsMissing()

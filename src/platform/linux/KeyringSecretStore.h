@@ -2,9 +2,13 @@
 
 #include "platform/SecretStore.h"
 
-// Items in the desktop keyring over the freedesktop Secret Service (through QtKeychain).
-// QtKeychain's jobs are asynchronous; each call here waits for its job in a local
-// event loop so the store keeps the synchronous contract of SecretStore.
+// Items in the desktop keyring over the freedesktop Secret Service, through
+// libsecret's synchronous calls. Those run a private GLib main context of their own
+// while they wait for the keyring, so no Qt event, timer or queued call is handled
+// inside them: a key press, a HUD timer or a dictation's callback never runs in the
+// middle of a token read. Items keep the shape the QtKeychain-based build gave
+// them (schema "org.qt.keychain", attributes "user" = account, "server" = service,
+// "type" = "base64"), so tokens saved by it are still found.
 class KeyringSecretStore final : public SecretStore
 {
 public:
@@ -15,7 +19,8 @@ public:
     Status add(const QString& account, const QByteArray& data) override;
     QString backendName() const override;
 
-    // True when a Secret Service answers on the session bus and can be read.
+    // True when a Secret Service answers on the session bus with an unlocked default
+    // collection that can be read; gives up after a few seconds.
     static bool isAvailable(const QString& service);
 
 private:

@@ -44,6 +44,10 @@ private:
     AudioInputFailure serverFailure(const QString& sentence) const;
     void disconnectStream();
     void readAvailable();
+    // Hands the handler what the stream has already captured: what is readable now
+    // and the partly filled buffer.
+    void deliverRest();
+    void deliver(size_t samples);
 
     static void onContextState(pa_context* context, void* self);
     static void onStreamState(pa_stream* stream, void* self);
