@@ -5,8 +5,8 @@
 #include <QObject>
 #include <QtQml/qqmlregistration.h>
 
-// Makes HUDMode's Kind values reachable from the views as HUDMode.dictating,
-// HUDMode.tonePicker, ... without turning HUDMode itself into a QML type.
+// Makes HUDMode's Kind values reachable from the views as HUDMode.Kind.dictating,
+// HUDMode.Kind.tonePicker, ... without turning HUDMode itself into a QML type.
 namespace HUDModeForeign {
 Q_NAMESPACE
 QML_FOREIGN_NAMESPACE(HUDMode)

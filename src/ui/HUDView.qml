@@ -62,17 +62,17 @@ Item {
             anchors.centerIn: parent
             sourceComponent: {
                 switch (root.hudState.kind) {
-                case HUDMode.dictating:
-                case HUDMode.tone:
+                case HUDMode.Kind.dictating:
+                case HUDMode.Kind.tone:
                     return listeningRow
-                case HUDMode.cleaning:
-                case HUDMode.rewriting:
+                case HUDMode.Kind.cleaning:
+                case HUDMode.Kind.rewriting:
                     return workingRow
-                case HUDMode.success:
+                case HUDMode.Kind.success:
                     return successRow
-                case HUDMode.error:
+                case HUDMode.Kind.error:
                     return errorRow
-                case HUDMode.tonePicker:
+                case HUDMode.Kind.tonePicker:
                     return tonePickerRow
                 }
                 return null
@@ -105,7 +105,7 @@ Item {
                 maximumLineCount: 2
                 // The newest words stay in view; the beginning gives way.
                 text: hasPartial ? TextFit.elideHead(root.hudState.partialText, font, availableWidth, 2)
-                                 : (root.hudState.kind === HUDMode.tone ? "Speak for tone rewrite…" : "Listening…")
+                                 : (root.hudState.kind === HUDMode.Kind.tone ? "Speak for tone rewrite…" : "Listening…")
             }
         }
     }
@@ -123,7 +123,7 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 font.pixelSize: 14
                 color: root.secondaryColor
-                text: root.hudState.kind === HUDMode.rewriting ? "Rewriting in " + root.hudState.toneLabel + "…"
+                text: root.hudState.kind === HUDMode.Kind.rewriting ? "Rewriting in " + root.hudState.toneLabel + "…"
                                                                : "Cleaning…"
             }
         }
