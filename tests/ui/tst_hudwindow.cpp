@@ -94,6 +94,33 @@ private Q_SLOTS:
         QVERIFY(mask.contains(QPoint(160, hud.window()->height() / 2)));
     }
 
+    void withACompositorTheCapsuleIsTranslucentWithAShadow()
+    {
+        // Xvfb has no compositor, so the platform is overridden; the drawing is real.
+        HUDWindowController::setTranslucentOverride(true);
+        HUDWindowController hud(fastTiming());
+        hud.show(HUDMode::cleaning());
+        HUDWindowController::setTranslucentOverride(std::nullopt);
+        QVERIFY(waitForExposed(hud));
+        QCOMPARE(hud.rootItem()->property("translucent").toBool(), true);
+        QVERIFY(hud.window()->mask().isEmpty());
+        QVERIFY(hud.window()->format().alphaBufferSize() >= 8);
+
+        const QImage image = grab(hud);
+        keepForInspection(image, u"translucent"_s);
+        QVERIFY(image.hasAlphaChannel());
+        // Outside the capsule and its shadow: fully transparent.
+        QCOMPARE(qAlpha(image.pixel(0, 0)), 0);
+        const QRect capsule = hud.rootItem()->property("capsuleRect").toRect();
+        QVERIFY(!capsule.isEmpty());
+        // The capsule itself is translucent, and a shadow darkens what lies below it.
+        const int middle = qAlpha(image.pixel(capsule.center()));
+        QVERIFY(middle > 200 && middle < 255);
+        const QPoint belowCapsule(capsule.center().x(), capsule.bottom() + 3);
+        QVERIFY(qAlpha(image.pixel(belowCapsule)) > 0);
+        QVERIFY(qAlpha(image.pixel(capsule.left() - 12, capsule.center().y())) == 0);
+    }
+
     void listeningShowsItsTextInInk()
     {
         HUDWindowController hud(fastTiming());
