@@ -63,6 +63,11 @@ HUDWindowController::HUDWindowController(HUDTiming timing, QObject* parent)
 
 HUDWindowController::~HUDWindowController() = default;
 
+bool HUDWindowController::preload()
+{
+    return hudComponent() != nullptr;
+}
+
 void HUDWindowController::setTranslucentOverride(std::optional<bool> translucent)
 {
     translucentOverride() = translucent;

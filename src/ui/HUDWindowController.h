@@ -58,6 +58,11 @@ public:
     // HUDView's root item; null until the first show().
     QQuickItem* rootItem() const { return m_root.get(); }
 
+    // Creates the shared QML engine and loads the compiled views now rather than
+    // on the first show(), so that even the first dictation's capsule comes up
+    // quickly. False when the views do not load.
+    static bool preload();
+
     // Whether new windows draw a translucent, shadowed capsule (a compositing
     // manager runs) or an opaque one cut to the capsule's shape. Asked of the
     // platform unless set here.

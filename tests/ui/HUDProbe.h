@@ -65,7 +65,7 @@ inline QImage grab(const HUDWindowController& hud)
 }
 
 // Keeps a copy of a grab under /tmp for a look by eye when HUD_TEST_SAVE_IMAGES is set.
-inline void keepForInspection(const QImage& image, const QString& name)
+inline void keepForViewing(const QImage& image, const QString& name)
 {
     if (qEnvironmentVariableIsSet("HUD_TEST_SAVE_IMAGES"))
         image.save(QStringLiteral("/tmp/hud-%1.png").arg(name));

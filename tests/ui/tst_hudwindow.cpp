@@ -52,6 +52,12 @@ private Q_SLOTS:
         QTRY_COMPARE(QCursor::pos(), QPoint(400, 300));
     }
 
+    void viewsLoad()
+    {
+        QVERIFY(HUDWindowController::preload());
+        QVERIFY(HUDWindowController::preload()); // and again: the same compiled component
+    }
+
     void noWindowBeforeTheFirstShow()
     {
         HUDWindowController hud(fastTiming());
@@ -107,7 +113,7 @@ private Q_SLOTS:
         QVERIFY(hud.window()->format().alphaBufferSize() >= 8);
 
         const QImage image = grab(hud);
-        keepForInspection(image, u"translucent"_s);
+        keepForViewing(image, u"translucent"_s);
         QVERIFY(image.hasAlphaChannel());
         // Outside the capsule and its shadow: fully transparent.
         QCOMPARE(qAlpha(image.pixel(0, 0)), 0);
@@ -187,7 +193,7 @@ private Q_SLOTS:
         QCOMPARE(text->property("font").value<QFont>().pixelSize(), fontSize);
 
         const QImage image = grab(hud);
-        keepForInspection(image, row);
+        keepForViewing(image, row);
         QVERIFY(countPixels(image, windowRect(text), isInk) > 30);
         QVERIFY(image != listening);
 
@@ -236,7 +242,7 @@ private Q_SLOTS:
         QVERIFY(windowRect(text).bottom() < hud.window()->height());
         const QImage image = grab(hud);
         QCOMPARE(image.size(), hud.window()->size());
-        keepForInspection(image, u"long-partial"_s);
+        keepForViewing(image, u"long-partial"_s);
         QVERIFY(countPixels(image, windowRect(text), isInk) > 100);
     }
 
@@ -355,7 +361,7 @@ private Q_SLOTS:
         QCOMPARE(hud.window()->geometry().bottom(), bottom);
         const QImage image = grab(hud);
         QCOMPARE(image.size(), hud.window()->size());
-        keepForInspection(image, u"tone-picker"_s);
+        keepForViewing(image, u"tone-picker"_s);
         QVERIFY(countPixels(image, windowRect(item(hud, u"toneButton5"_s)), isInk) > 20);
     }
 
