@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QtQml/qqmlregistration.h>
 
 // The model of one capsule: what it shows and the text recognised so far. Written
 // by the dictation session, read by the views. A write of a value equal to the
@@ -13,6 +14,8 @@
 class HUDState : public QObject
 {
     Q_OBJECT
+    QML_ELEMENT
+    QML_UNCREATABLE("A capsule's state comes from its HUDWindowController")
     // What the views bind to; every one of them follows `mode`.
     Q_PROPERTY(HUDMode::Kind kind READ kind NOTIFY modeChanged)
     Q_PROPERTY(QString toneLabel READ toneLabel NOTIFY modeChanged)

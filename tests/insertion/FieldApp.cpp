@@ -68,6 +68,11 @@ bool FieldApp::focus(const QString& field)
     return QTest::qWaitFor([&] { return request("focused", "focused ") == expected; }, 5000);
 }
 
+bool FieldApp::hasFocus(const QString& field)
+{
+    return request("focused", "focused ") == "focused " + field.toUtf8() + " 1";
+}
+
 std::optional<FieldApp::Content> FieldApp::content(const QString& field)
 {
     const std::optional<QByteArray> reply = request("get " + field.toUtf8(), "text " + field.toUtf8() + ' ');

@@ -27,6 +27,9 @@ public:
     // and waits until the field reports the focus.
     bool focus(const QString& field);
 
+    // Whether this field is the window's focus widget and the window has the keyboard.
+    bool hasFocus(const QString& field);
+
     struct Content {
         QString text;
         QString beforeCaret;

@@ -1,0 +1,61 @@
+// The tone buttons, in the order of the tones, as many 80 px columns as fit.
+import QtQuick
+import Quillet.Ui
+
+Column {
+    id: picker
+
+    required property HUDState hudState
+    readonly property int minimumColumnWidth: 80
+    readonly property int gridSpacing: 6
+
+    spacing: 8
+
+    Text {
+        text: "Choose tone"
+        font.pixelSize: 11
+        color: "#6e6e73"
+    }
+
+    Grid {
+        id: grid
+        objectName: "toneGrid"
+        readonly property real cellWidth: (picker.width - (columns - 1) * spacing) / columns
+        width: picker.width
+        spacing: picker.gridSpacing
+        columns: Math.max(1, Math.floor((picker.width + spacing) / (picker.minimumColumnWidth + spacing)))
+
+        Repeater {
+            model: picker.hudState.toneLabels
+            delegate: Rectangle {
+                id: button
+                required property int index
+                required property string modelData
+                objectName: "toneButton" + index
+                width: grid.cellWidth
+                height: 22
+                radius: 5
+                color: pressArea.pressed ? "#d1d1d6" : (pressArea.containsMouse ? "#ececf0" : "#ffffff")
+                border.width: 1
+                border.color: "#b0b0b8"
+
+                Text {
+                    anchors.centerIn: parent
+                    width: parent.width - 8
+                    horizontalAlignment: Text.AlignHCenter
+                    elide: Text.ElideRight
+                    font.pixelSize: 11
+                    color: "#1d1d1f"
+                    text: button.modelData
+                }
+
+                MouseArea {
+                    id: pressArea
+                    anchors.fill: parent
+                    hoverEnabled: true
+                    onClicked: picker.hudState.selectTone(button.index)
+                }
+            }
+        }
+    }
+}
