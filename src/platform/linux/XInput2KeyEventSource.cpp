@@ -23,9 +23,7 @@ constexpr KeySym kFnKeysym = 0x10081D0;
 XInput2KeyEventSource::XInput2KeyEventSource(const char* displayName)
     : m_displayName(displayName)
     , m_useDefaultDisplay(displayName == nullptr)
-{
-    m_roles.fill(Role::other);
-}
+{ }
 
 XInput2KeyEventSource::~XInput2KeyEventSource()
 {
@@ -85,16 +83,14 @@ KeyEventSourceStatus XInput2KeyEventSource::start(Handler handler)
     findXTestDevices();
     XkbStateRec state {};
     if (XkbGetState(display, XkbUseCoreKbd, &state) == Success)
-        m_capsLocked = (state.locked_mods & LockMask) != 0;
+        m_keyboard.setCapsLocked((state.locked_mods & LockMask) != 0);
     // Keys already held when we start count as held, so the flags of the next
     // event say so and their release is not taken for a stray one.
     char keys[32] = {};
     XQueryKeymap(display, keys);
-    m_down.reset();
-    for (unsigned code = 0; code < 256; ++code) {
-        if (keys[code / 8] & (1 << (code % 8)))
-            m_down.set(code);
-    }
+    m_keyboard.releaseAll();
+    for (unsigned code = 0; code < KeyboardState::keyCount; ++code)
+        m_keyboard.setHeld(code, (keys[code / 8] & (1 << (code % 8))) != 0);
     XSync(display, False);
 
     m_handler = std::move(handler);
@@ -120,7 +116,7 @@ void XInput2KeyEventSource::stop()
         m_notifier.reset();
     XCloseDisplay(m_display);
     m_display = nullptr;
-    m_down.reset();
+    m_keyboard.releaseAll();
     SyntheticKeyEvents::setListening(false);
 }
 
@@ -159,65 +155,18 @@ void XInput2KeyEventSource::readPendingEvents()
 
 void XInput2KeyEventSource::handleRawKey(unsigned keycode, int sourceDevice, bool press)
 {
-    if (keycode >= m_roles.size())
-        return;
     // Our own paste keystroke's presses and releases: the user's hold goes on.
     const bool fromXTest
         = std::find(m_xtestDevices.begin(), m_xtestDevices.end(), sourceDevice) != m_xtestDevices.end();
     if (fromXTest && SyntheticKeyEvents::consume(keycode, press))
         return;
-    if (press) {
-        // Auto-repeat: raw events come again and again while a key is held.
-        if (m_down.test(keycode))
-            return;
-        m_down.set(keycode);
-    } else {
-        m_down.reset(keycode);
-    }
-
-    const Role role = m_roles[keycode];
-    switch (role) {
-    case Role::other:
-        deliver({ press ? KeyEventType::keyDown : KeyEventType::keyUp, otherKeyCodeBase + static_cast<qint64>(keycode),
-            currentFlags() });
-        return;
-    case Role::capsLock:
-        // The lock changes on the press; the release changes nothing we report.
-        if (!press)
-            return;
-        m_capsLocked = !m_capsLocked;
-        deliver({ KeyEventType::flagsChanged, KeyCodes::capsLock, currentFlags() });
-        return;
-    default:
-        break;
-    }
-    static constexpr std::array<qint64, 11> codes { 0, KeyCodes::leftOption, KeyCodes::rightOption,
-        KeyCodes::leftCommand, KeyCodes::rightCommand, KeyCodes::leftShift, KeyCodes::rightShift, KeyCodes::leftControl,
-        KeyCodes::rightControl, KeyCodes::capsLock, KeyCodes::function };
-    deliver({ KeyEventType::flagsChanged, codes[static_cast<size_t>(role)], currentFlags() });
-}
-
-quint64 XInput2KeyEventSource::currentFlags() const
-{
-    static constexpr std::array<quint64, 11> flags { 0, KeyFlags::alternate, KeyFlags::alternate, KeyFlags::command,
-        KeyFlags::command, KeyFlags::shift, KeyFlags::shift, KeyFlags::control, KeyFlags::control, 0,
-        KeyFlags::secondaryFn };
-    quint64 word = m_capsLocked ? KeyFlags::alphaShift : 0;
-    if (m_down.none())
-        return word;
-    for (size_t code = 0; code < m_roles.size(); ++code) {
-        if (m_down.test(code))
-            word |= flags[static_cast<size_t>(m_roles[code])];
-    }
-    return word;
-}
-
-void XInput2KeyEventSource::deliver(const KeyEvent& event)
-{
+    // Raw events come again and again while a key is held, whatever the
+    // detectable auto-repeat setting says; the keyboard state drops those.
+    const std::optional<KeyEvent> event = m_keyboard.handle(keycode, press);
     // The X server has already given the event to the focused window: the
     // handler's answer cannot drop it here.
-    if (m_handler)
-        m_handler(event);
+    if (event && m_handler)
+        m_handler(*event);
 }
 
 void XInput2KeyEventSource::loadKeymap()
@@ -229,34 +178,37 @@ void XInput2KeyEventSource::loadKeymap()
         XkbFreeKeyboard(desc, 0, True);
         return;
     }
-    static constexpr std::array<std::pair<std::string_view, Role>, 9> named { {
-        { "LALT", Role::leftAlt },
-        { "RALT", Role::rightAlt },
-        { "LWIN", Role::leftSuper },
-        { "RWIN", Role::rightSuper },
-        { "LFSH", Role::leftShift },
-        { "RTSH", Role::rightShift },
-        { "LCTL", Role::leftControl },
-        { "RCTL", Role::rightControl },
-        { "CAPS", Role::capsLock },
+    // Names from the keycodes file (evdev and the older xfree86 set agree on
+    // these), not symbols: on a German layout RALT carries ISO_Level3_Shift
+    // (AltGr) and is still the right Alt key.
+    static constexpr std::array<std::pair<std::string_view, PhysicalKey>, 9> named { {
+        { "LALT", PhysicalKey::leftAlt },
+        { "RALT", PhysicalKey::rightAlt },
+        { "LWIN", PhysicalKey::leftSuper },
+        { "RWIN", PhysicalKey::rightSuper },
+        { "LFSH", PhysicalKey::leftShift },
+        { "RTSH", PhysicalKey::rightShift },
+        { "LCTL", PhysicalKey::leftControl },
+        { "RCTL", PhysicalKey::rightControl },
+        { "CAPS", PhysicalKey::capsLock },
     } };
 
-    m_roles.fill(Role::other);
+    m_keyboard.clearRoles();
     std::vector<unsigned> menuKeys;
     bool haveFn = false;
-    for (unsigned code = desc->min_key_code; code <= desc->max_key_code && code < m_roles.size(); ++code) {
+    for (unsigned code = desc->min_key_code; code <= desc->max_key_code && code < KeyboardState::keyCount; ++code) {
         const char* const rawName = desc->names->keys[code].name;
         const std::string_view name(rawName, strnlen(rawName, XkbKeyNameLength));
         for (const auto& [keyName, role] : named) {
             if (name == keyName)
-                m_roles[code] = role;
+                m_keyboard.setRole(code, role);
         }
         if (name == "MENU" || name == "COMP")
             menuKeys.push_back(code);
         if (XkbKeyNumSyms(desc, code) > 0) {
             const KeySym sym = XkbKeySymEntry(desc, code, 0, 0);
             if (sym == kFnKeysym || sym == XF86XK_WakeUp) {
-                m_roles[code] = Role::fn;
+                m_keyboard.setRole(code, PhysicalKey::fn);
                 haveFn = true;
             }
         }
@@ -266,7 +218,7 @@ void XInput2KeyEventSource::loadKeymap()
     // used, stands in for it.
     if (!haveFn) {
         for (unsigned code : menuKeys)
-            m_roles[code] = Role::fn;
+            m_keyboard.setRole(code, PhysicalKey::fn);
     }
     XkbFreeKeyboard(desc, 0, True);
 }

@@ -1,12 +1,11 @@
 #pragma once
 
 #include "platform/KeyEventSource.h"
+#include "platform/KeyboardState.h"
 
 #include <QByteArray>
 #include <QSocketNotifier>
 
-#include <array>
-#include <bitset>
 #include <memory>
 #include <vector>
 
@@ -21,7 +20,7 @@ struct _XDisplay; // Xlib's Display, kept out of this header with the rest of Xl
 // LALT, RWIN, CAPS, ...), whatever symbols the layout puts on them, and reported
 // with the key codes and flag bits of KeyEventSource.h: modifiers as flagsChanged
 // with the full flag word, everything else as keyDown/keyUp with the code
-// otherKeyCodeBase + the X keycode. The Fn key is the
+// KeyboardState::otherKeyCodeBase + the X keycode. The Fn key is the
 // key whose symbol is XF86Fn or XF86WakeUp; most PC keyboards never send their Fn
 // key to the system at all, so where the keymap has neither, the Menu key (MENU,
 // COMP) stands in for it.
@@ -31,9 +30,6 @@ struct _XDisplay; // Xlib's Display, kept out of this header with the rest of Xl
 class XInput2KeyEventSource final : public KeyEventSource
 {
 public:
-    // Keys without a code of their own are reported as this plus their X keycode (8..255).
-    static constexpr qint64 otherKeyCodeBase = 1000;
-
     // displayName: the X display to open; null means $DISPLAY.
     explicit XInput2KeyEventSource(const char* displayName = nullptr);
     ~XInput2KeyEventSource() override;
@@ -45,27 +41,10 @@ public:
     bool canDrop() const override { return false; }
 
 private:
-    // What a physical key means to us.
-    enum class Role : quint8 {
-        other,
-        leftAlt,
-        rightAlt,
-        leftSuper,
-        rightSuper,
-        leftShift,
-        rightShift,
-        leftControl,
-        rightControl,
-        capsLock,
-        fn,
-    };
-
     void readPendingEvents();
     void handleRawKey(unsigned keycode, int sourceDevice, bool press);
     void loadKeymap();
     void findXTestDevices();
-    quint64 currentFlags() const;
-    void deliver(const KeyEvent& event);
 
     QByteArray m_displayName;
     bool m_useDefaultDisplay = true;
@@ -74,9 +53,7 @@ private:
     int m_xkbEventBase = 0;
     std::unique_ptr<QSocketNotifier> m_notifier;
     Handler m_handler;
-    std::array<Role, 256> m_roles {};
-    std::bitset<256> m_down; // keys we have seen go down and not yet up
-    bool m_capsLocked = false;
+    KeyboardState m_keyboard; // keycode roles, held keys, Caps Lock
     bool m_reading = false; // inside readPendingEvents()
     std::vector<int> m_xtestDevices; // slave devices that carry XTest's synthetic events
 };
