@@ -20,6 +20,8 @@ packages=(
   # headless desktop used by the tests
   xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
   xdotool xclip xterm sox libsox-fmt-all espeak-ng
+  # keymaps and key repeat inside the test session (setxkbmap, xkbcomp, xset)
+  x11-xkb-utils x11-xserver-utils
   # tests and benchmarks
   libbenchmark-dev libgtest-dev
 )

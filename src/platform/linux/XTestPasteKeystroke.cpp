@@ -1,5 +1,6 @@
 #include "platform/linux/XTestPasteKeystroke.h"
 
+#include "platform/linux/SyntheticKeyEvents.h"
 #include "platform/linux/X11Focus.h"
 
 #include <QSet>
@@ -125,17 +126,23 @@ void XTestPasteKeystroke::post()
     if (terminal)
         chord.push_back(shift);
 
+    // Each event is announced first, so the key monitor knows it for ours and the
+    // user's hold of the hotkey is not taken as released and pressed again.
+    const auto send = [display](KeyCode code, bool press) {
+        SyntheticKeyEvents::expect(code, press);
+        XTestFakeKeyEvent(display, code, press ? True : False, CurrentTime);
+    };
     const std::vector<KeyCode> held = heldModifierKeys(display);
     for (KeyCode code : held)
-        XTestFakeKeyEvent(display, code, False, CurrentTime);
+        send(code, false);
     for (KeyCode code : chord)
-        XTestFakeKeyEvent(display, code, True, CurrentTime);
-    XTestFakeKeyEvent(display, v, True, CurrentTime);
-    XTestFakeKeyEvent(display, v, False, CurrentTime);
+        send(code, true);
+    send(v, true);
+    send(v, false);
     for (auto it = chord.rbegin(); it != chord.rend(); ++it)
-        XTestFakeKeyEvent(display, *it, False, CurrentTime);
+        send(*it, false);
     for (KeyCode code : held)
-        XTestFakeKeyEvent(display, code, True, CurrentTime);
+        send(code, true);
     // Delivered before we return, so the clipboard restore counts from the keystroke.
     XSync(display, False);
 }

@@ -1,0 +1,129 @@
+#include "dictation/HotkeyManager.h"
+
+#include "services/Log.h"
+#include "services/SettingsStore.h"
+
+using namespace Qt::StringLiterals;
+
+HotkeyManager::HotkeyManager(std::unique_ptr<KeyEventSource> source, Clock clock)
+    : m_source(std::move(source))
+    , m_clock(clock ? std::move(clock) : Clock([] { return std::chrono::steady_clock::now(); }))
+{ }
+
+HotkeyManager::~HotkeyManager()
+{
+    if (m_source)
+        m_source->stop();
+}
+
+void HotkeyManager::setDelegate(QObject* owner, HotkeyManagerDelegate* delegate)
+{
+    m_delegateObject = owner;
+    m_delegate = delegate;
+}
+
+void HotkeyManager::registerTap()
+{
+    if (m_registered)
+        return;
+    const KeyEventSourceStatus status = m_source
+        ? m_source->start([this](const KeyEvent& event) { return handleEvent(event.type, event); })
+        : KeyEventSourceStatus::unsupported;
+    if (status != KeyEventSourceStatus::started) {
+        // No display to listen to, or one that will not tell us about other
+        // applications' keys: the same outcome as a tap the system refused.
+        Log::write(Log::Symbol::Warning, u"Event tap FAILED \u2014 Accessibility permission missing or revoked");
+        Log::writeContinuation(u"System Settings \u2192 Privacy & Security \u2192 Accessibility \u2192 enable Quillet");
+        return;
+    }
+    m_registered = true;
+    Log::write(Log::Symbol::Success, u"Event tap created (defaultTap) \u2014 hotkey monitoring active");
+}
+
+KeyEventDisposition HotkeyManager::handleEvent(KeyEventType type, const KeyEvent& event)
+{
+    const Hotkey hotkey = SettingsStore::shared().hotkey();
+    if (type == KeyEventType::flagsChanged) {
+        Log::write(Log::Symbol::Key,
+            u"flagsChanged keyCode=%1 flags=%2 hotkey=%3"_s.arg(event.keyCode)
+                .arg(event.flags)
+                .arg(Hotkeys::rawValue(hotkey)));
+    }
+    if (hotkey == Hotkey::fn)
+        return handleFnKey(type, event);
+    return handleRegularKey(type, event, hotkey);
+}
+
+KeyEventDisposition HotkeyManager::handleFnKey(KeyEventType type, const KeyEvent& event)
+{
+    if (type != KeyEventType::flagsChanged)
+        return KeyEventDisposition::pass;
+    if ((event.flags & Hotkeys::modifierFlag(Hotkey::fn)) == 0) {
+        if (m_isHolding) {
+            m_isHolding = false;
+            reportEnded();
+        }
+        return KeyEventDisposition::pass;
+    }
+    // Further flag changes while fn is held (another modifier, say) are not new presses.
+    if (m_isHolding)
+        return KeyEventDisposition::pass;
+    m_isHolding = true;
+    const auto now = m_clock();
+    bool isToneMode = false;
+    if (m_lastTapTime && now - *m_lastTapTime < doubleTapThreshold) {
+        // The pair is used up: a third quick tap starts a new one.
+        m_lastTapTime.reset();
+        isToneMode = true;
+    } else {
+        m_lastTapTime = now;
+    }
+    reportBegan(isToneMode);
+    return KeyEventDisposition::pass;
+}
+
+KeyEventDisposition HotkeyManager::handleRegularKey(KeyEventType type, const KeyEvent& event, Hotkey hotkey)
+{
+    // Other keys never change anything, even when they set the same flag (left Alt).
+    if (event.keyCode != Hotkeys::keyCode(hotkey))
+        return KeyEventDisposition::pass;
+    switch (type) {
+    case KeyEventType::keyDown:
+        if (m_isHolding)
+            return KeyEventDisposition::pass; // auto-repeat
+        m_isHolding = true;
+        reportBegan(false);
+        return KeyEventDisposition::drop;
+    case KeyEventType::keyUp:
+        if (!m_isHolding)
+            return KeyEventDisposition::pass;
+        m_isHolding = false;
+        reportEnded();
+        return KeyEventDisposition::drop;
+    case KeyEventType::flagsChanged: {
+        // Modifier events always go on to the application, held or not.
+        const bool flagSet = (event.flags & Hotkeys::modifierFlag(hotkey)) != 0;
+        if (flagSet && !m_isHolding) {
+            m_isHolding = true;
+            reportBegan(false);
+        } else if (!flagSet && m_isHolding) {
+            m_isHolding = false;
+            reportEnded();
+        }
+        return KeyEventDisposition::pass;
+    }
+    }
+    return KeyEventDisposition::pass;
+}
+
+void HotkeyManager::reportBegan(bool isToneMode)
+{
+    if (m_delegateObject && m_delegate)
+        m_delegate->hotkeyBegan(isToneMode);
+}
+
+void HotkeyManager::reportEnded()
+{
+    if (m_delegateObject && m_delegate)
+        m_delegate->hotkeyEnded();
+}

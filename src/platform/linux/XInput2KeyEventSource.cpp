@@ -1,0 +1,244 @@
+#include "platform/linux/XInput2KeyEventSource.h"
+
+#include "platform/linux/SyntheticKeyEvents.h"
+
+#include <QTimer>
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include <X11/XF86keysym.h>
+#include <X11/XKBlib.h>
+#include <X11/Xlib.h>
+#include <X11/extensions/XInput2.h>
+
+namespace {
+
+// XF86XK_Fn: the header spells it with a macro of its own that it undefines again.
+constexpr KeySym kFnKeysym = 0x10081D0;
+
+} // namespace
+
+XInput2KeyEventSource::XInput2KeyEventSource(const char* displayName)
+    : m_displayName(displayName)
+    , m_useDefaultDisplay(displayName == nullptr)
+{ }
+
+XInput2KeyEventSource::~XInput2KeyEventSource()
+{
+    stop();
+}
+
+KeyEventSourceStatus XInput2KeyEventSource::start(Handler handler)
+{
+    if (m_display)
+        return KeyEventSourceStatus::started;
+    // Our own connection: the raw-event selection, the keymap and the detectable
+    // auto-repeat setting belong to it and to nobody else in the process.
+    Display* const display = XOpenDisplay(m_useDefaultDisplay ? nullptr : m_displayName.constData());
+    if (!display)
+        return KeyEventSourceStatus::noDisplay;
+
+    int xiEvent = 0;
+    int xiError = 0;
+    int xiMajor = 2;
+    // 2.2: raw events reach us even while another client holds a keyboard grab.
+    int xiMinor = 2;
+    if (!XQueryExtension(display, "XInputExtension", &m_xiOpcode, &xiEvent, &xiError)
+        || XIQueryVersion(display, &xiMajor, &xiMinor) != Success || xiMajor < 2) {
+        XCloseDisplay(display);
+        return KeyEventSourceStatus::unsupported;
+    }
+    int xkbOpcode = 0;
+    int xkbError = 0;
+    int xkbMajor = XkbMajorVersion;
+    int xkbMinor = XkbMinorVersion;
+    if (!XkbQueryExtension(display, &xkbOpcode, &m_xkbEventBase, &xkbError, &xkbMajor, &xkbMinor)) {
+        XCloseDisplay(display);
+        return KeyEventSourceStatus::unsupported;
+    }
+    m_display = display;
+
+    // Held keys then come as one press and one release on this connection. Raw
+    // events repeat regardless, which handleRawKey() takes care of.
+    Bool detectable = False;
+    XkbSetDetectableAutoRepeat(display, True, &detectable);
+    // A new layout (setxkbmap) or an edited keymap (xmodmap) may move the Fn key.
+    XkbSelectEvents(display, XkbUseCoreKbd, XkbNewKeyboardNotifyMask | XkbMapNotifyMask,
+        XkbNewKeyboardNotifyMask | XkbMapNotifyMask);
+
+    unsigned char keyMask[XIMaskLen(XI_LASTEVENT)] = {};
+    XISetMask(keyMask, XI_RawKeyPress);
+    XISetMask(keyMask, XI_RawKeyRelease);
+    unsigned char hierarchyMask[XIMaskLen(XI_LASTEVENT)] = {};
+    XISetMask(hierarchyMask, XI_HierarchyChanged);
+    XIEventMask masks[2] = {
+        { XIAllMasterDevices, static_cast<int>(sizeof keyMask), keyMask },
+        { XIAllDevices, static_cast<int>(sizeof hierarchyMask), hierarchyMask },
+    };
+    XISelectEvents(display, DefaultRootWindow(display), masks, 2);
+
+    loadKeymap();
+    findXTestDevices();
+    XkbStateRec state {};
+    if (XkbGetState(display, XkbUseCoreKbd, &state) == Success)
+        m_keyboard.setCapsLocked((state.locked_mods & LockMask) != 0);
+    // Keys already held when we start count as held, so the flags of the next
+    // event say so and their release is not taken for a stray one.
+    char keys[32] = {};
+    XQueryKeymap(display, keys);
+    m_keyboard.releaseAll();
+    for (unsigned code = 0; code < KeyboardState::keyCount; ++code)
+        m_keyboard.setHeld(code, (keys[code / 8] & (1 << (code % 8))) != 0);
+    XSync(display, False);
+
+    m_handler = std::move(handler);
+    SyntheticKeyEvents::setListening(true);
+    m_notifier = std::make_unique<QSocketNotifier>(ConnectionNumber(display), QSocketNotifier::Read);
+    QObject::connect(m_notifier.get(), &QSocketNotifier::activated, m_notifier.get(), [this] { readPendingEvents(); });
+    // The round trips above may have left events in Xlib's queue, where the socket
+    // notifier cannot see them; read them once the caller has returned.
+    QTimer::singleShot(0, m_notifier.get(), [this] { readPendingEvents(); });
+    return KeyEventSourceStatus::started;
+}
+
+void XInput2KeyEventSource::stop()
+{
+    if (!m_display)
+        return;
+    // Inside a handler called by readPendingEvents() we are in the notifier's own
+    // signal: let Qt delete it once the signal is done.
+    m_notifier->setEnabled(false);
+    if (m_reading)
+        m_notifier.release()->deleteLater();
+    else
+        m_notifier.reset();
+    XCloseDisplay(m_display);
+    m_display = nullptr;
+    m_keyboard.releaseAll();
+    SyntheticKeyEvents::setListening(false);
+}
+
+void XInput2KeyEventSource::readPendingEvents()
+{
+    // Everything that is there, so that no event waits for the next wakeup: Xlib
+    // may have read several from the socket at once.
+    m_reading = true;
+    while (m_display && XPending(m_display) > 0) {
+        XEvent event;
+        XNextEvent(m_display, &event);
+        XGenericEventCookie* const cookie = &event.xcookie;
+        if (cookie->type == GenericEvent && cookie->extension == m_xiOpcode) {
+            if (!XGetEventData(m_display, cookie))
+                continue;
+            if (cookie->evtype == XI_RawKeyPress || cookie->evtype == XI_RawKeyRelease) {
+                const auto* raw = static_cast<const XIRawEvent*>(cookie->data);
+                const auto keycode = static_cast<unsigned>(raw->detail);
+                const int source = raw->sourceid;
+                const bool press = cookie->evtype == XI_RawKeyPress;
+                XFreeEventData(m_display, cookie);
+                handleRawKey(keycode, source, press);
+            } else {
+                if (cookie->evtype == XI_HierarchyChanged)
+                    findXTestDevices();
+                XFreeEventData(m_display, cookie);
+            }
+        } else if (event.type == m_xkbEventBase) {
+            const auto* xkb = reinterpret_cast<const XkbEvent*>(&event);
+            if (xkb->any.xkb_type == XkbNewKeyboardNotify || xkb->any.xkb_type == XkbMapNotify)
+                loadKeymap();
+        }
+    }
+    m_reading = false;
+}
+
+void XInput2KeyEventSource::handleRawKey(unsigned keycode, int sourceDevice, bool press)
+{
+    // Our own paste keystroke's presses and releases: the user's hold goes on.
+    const bool fromXTest
+        = std::find(m_xtestDevices.begin(), m_xtestDevices.end(), sourceDevice) != m_xtestDevices.end();
+    if (fromXTest && SyntheticKeyEvents::consume(keycode, press))
+        return;
+    // Raw events come again and again while a key is held, whatever the
+    // detectable auto-repeat setting says; the keyboard state drops those.
+    const std::optional<KeyEvent> event = m_keyboard.handle(keycode, press);
+    // The X server has already given the event to the focused window: the
+    // handler's answer cannot drop it here.
+    if (event && m_handler)
+        m_handler(*event);
+}
+
+void XInput2KeyEventSource::loadKeymap()
+{
+    XkbDescPtr desc = XkbGetMap(m_display, XkbKeySymsMask, XkbUseCoreKbd);
+    if (!desc)
+        return;
+    if (XkbGetNames(m_display, XkbKeyNamesMask, desc) != Success || !desc->names || !desc->names->keys) {
+        XkbFreeKeyboard(desc, 0, True);
+        return;
+    }
+    // Names from the keycodes file (evdev and the older xfree86 set agree on
+    // these), not symbols: on a German layout RALT carries ISO_Level3_Shift
+    // (AltGr) and is still the right Alt key.
+    static constexpr std::array<std::pair<std::string_view, PhysicalKey>, 9> named { {
+        { "LALT", PhysicalKey::leftAlt },
+        { "RALT", PhysicalKey::rightAlt },
+        { "LWIN", PhysicalKey::leftSuper },
+        { "RWIN", PhysicalKey::rightSuper },
+        { "LFSH", PhysicalKey::leftShift },
+        { "RTSH", PhysicalKey::rightShift },
+        { "LCTL", PhysicalKey::leftControl },
+        { "RCTL", PhysicalKey::rightControl },
+        { "CAPS", PhysicalKey::capsLock },
+    } };
+
+    m_keyboard.clearRoles();
+    std::vector<unsigned> menuKeys;
+    bool haveFn = false;
+    for (unsigned code = desc->min_key_code; code <= desc->max_key_code && code < KeyboardState::keyCount; ++code) {
+        const char* const rawName = desc->names->keys[code].name;
+        const std::string_view name(rawName, strnlen(rawName, XkbKeyNameLength));
+        for (const auto& [keyName, role] : named) {
+            if (name == keyName)
+                m_keyboard.setRole(code, role);
+        }
+        if (name == "MENU" || name == "COMP")
+            menuKeys.push_back(code);
+        if (XkbKeyNumSyms(desc, code) > 0) {
+            const KeySym sym = XkbKeySymEntry(desc, code, 0, 0);
+            if (sym == kFnKeysym || sym == XF86XK_WakeUp) {
+                m_keyboard.setRole(code, PhysicalKey::fn);
+                haveFn = true;
+            }
+        }
+    }
+    // No Fn key on this keyboard (the usual case: PC keyboards handle Fn in their
+    // own firmware): the Menu key, next to the right-hand modifiers and rarely
+    // used, stands in for it.
+    if (!haveFn) {
+        for (unsigned code : menuKeys)
+            m_keyboard.setRole(code, PhysicalKey::fn);
+    }
+    XkbFreeKeyboard(desc, 0, True);
+}
+
+void XInput2KeyEventSource::findXTestDevices()
+{
+    m_xtestDevices.clear();
+    int count = 0;
+    XIDeviceInfo* const devices = XIQueryDevice(m_display, XIAllDevices, &count);
+    if (!devices)
+        return;
+    // The server makes one per master: "Virtual core XTEST keyboard", "<master> XTEST keyboard".
+    for (int i = 0; i < count; ++i) {
+        if (devices[i].use == XISlaveKeyboard && devices[i].name && std::strstr(devices[i].name, "XTEST"))
+            m_xtestDevices.push_back(devices[i].deviceid);
+    }
+    XIFreeDeviceInfo(devices);
+}
+
+std::unique_ptr<KeyEventSource> makeSystemKeyEventSource()
+{
+    return std::make_unique<XInput2KeyEventSource>();
+}
