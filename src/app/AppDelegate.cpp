@@ -7,6 +7,7 @@
 #include "services/AuthNotifier.h"
 #include "services/KeychainHelper.h"
 #include "services/Log.h"
+#include "ui/HUDWindowController.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -38,6 +39,9 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
     m_menuBarController = std::make_unique<MenuBarController>(this, this);
     m_menuBarController->configure();
 
+    m_hotkeyManager = std::make_unique<HotkeyManager>(makeSystemKeyEventSource());
+    m_hotkeyManager->setDelegate(this);
+
     connect(
         &AuthNotifier::instance(), &AuthNotifier::quilletAuthInvalidated, this,
         [this] {
@@ -46,7 +50,10 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
         },
         Qt::QueuedConnection);
 
+    m_hotkeyManager->registerTap();
     pingBackend();
+    // Compiling the capsule's views now keeps the first key press quick.
+    QTimer::singleShot(0, this, [] { HUDWindowController::preload(); });
 }
 
 void AppDelegate::registerUrlScheme()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/MenuBarController.h"
+#include "dictation/HotkeyManager.h"
 
 #include <QObject>
 #include <QPointer>
@@ -15,7 +16,7 @@ class SingleInstance;
 // The root of the running program: wires everything at launch, owns the tray menu,
 // the key monitor, the dictation in progress and the two windows, turns key edges
 // into dictations and takes the sign-in link from the browser.
-class AppDelegate : public QObject, public MenuBarDelegate
+class AppDelegate : public QObject, public MenuBarDelegate, public HotkeyManagerDelegate
 {
     Q_OBJECT
 public:
@@ -29,8 +30,8 @@ public:
     void handleDeepLink(const QString& link);
 
     // The dictation key went down (isToneMode: a double tap) or up.
-    void hotkeyBegan(bool isToneMode);
-    void hotkeyEnded();
+    void hotkeyBegan(bool isToneMode) override;
+    void hotkeyEnded() override;
 
     void showSettings() override;
     void menuBarDidSelectSignIn() override;
@@ -45,5 +46,6 @@ private:
     void registerUrlScheme();
 
     std::unique_ptr<MenuBarController> m_menuBarController;
+    std::unique_ptr<HotkeyManager> m_hotkeyManager;
     std::shared_ptr<DictationSession> m_dictationSession;
 };

@@ -1,0 +1,108 @@
+#include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
+#include "services/HistoryManager.h"
+#include "services/Log.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+
+#include <cstdio>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+int printHistory()
+{
+    const QList<HistoryEntry> entries = HistoryManager::shared().entries();
+    if (entries.isEmpty()) {
+        std::puts("No dictations recorded yet.");
+        return 0;
+    }
+    for (const HistoryEntry& entry : entries) {
+        const QString when = entry.date.toLocalTime().toString(u"yyyy-MM-dd HH:mm:ss"_s);
+        // Continuation lines are indented so every entry still starts at the left edge.
+        QString text = entry.text;
+        text.replace(u'\n', u"\n                     "_s);
+        std::printf("%s  %s\n", qPrintable(when), text.toUtf8().constData());
+    }
+    return 0;
+}
+
+// --help, --version and --history answer on the terminal, without a display.
+bool answersOnTheTerminal(int argc, char* argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray arg(argv[i]);
+        if (arg == "--history" || arg == "--help" || arg == "-h" || arg == "--help-all" || arg == "--version"
+            || arg == "-v")
+            return true;
+    }
+    return false;
+}
+
+struct Options {
+    bool history = false;
+    QStringList links;
+};
+
+Options parseOptions(const QCoreApplication& app)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(u"Push-to-talk dictation: hold the hotkey anywhere, speak, let go, and the "
+                                     "words appear at the cursor."_s);
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption historyOption(u"history"_s,
+        u"Print the texts Quillet inserted, newest first, and exit (to recover text that landed nowhere)."_s);
+    parser.addOption(historyOption);
+    parser.addPositionalArgument(u"link"_s, u"A quillet:// sign-in link to hand to Quillet."_s, u"[link]"_s);
+    parser.process(app);
+    return { parser.isSet(historyOption), parser.positionalArguments() };
+}
+
+void nameApplication()
+{
+    QCoreApplication::setApplicationName(u"Quillet"_s);
+    QCoreApplication::setOrganizationName(u"Quillet"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLET_VERSION));
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    Log::makeStdoutUnbuffered();
+
+    if (answersOnTheTerminal(argc, argv)) {
+        QCoreApplication app(argc, argv);
+        nameApplication();
+        if (parseOptions(app).history)
+            return printHistory();
+        return 0;
+    }
+
+    QApplication app(argc, argv);
+    nameApplication();
+    QApplication::setDesktopFileName(u"quillet"_s);
+    // A tray program: closing the settings or welcome window must not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+    const QStringList links = parseOptions(app).links;
+
+    if (SingleInstance::handOver(links, 500)) {
+        if (links.isEmpty())
+            std::puts("Quillet is already running: its microphone is in the panel's tray.");
+        return 0;
+    }
+
+    SingleInstance instance;
+    if (!instance.listen())
+        Log::write(Log::Symbol::Warning,
+            u"could not open "_s + SingleInstance::socketPath() + u": a second start will not find this one"_s);
+
+    AppDelegate delegate;
+    delegate.applicationDidFinishLaunching(&instance);
+    for (const QString& link : links)
+        delegate.handleDeepLink(link);
+    return app.exec();
+}
