@@ -285,17 +285,17 @@ private Q_SLOTS:
         QVERIFY(xdotool({ u"key"_s, u"Caps_Lock"_s }));
         QCOMPARE(settle(), QStringList { u"flagsChanged 57 flags=0x0"_s });
     }
-    void theWakeUpKeyIsFnAndMenuIsAnOrdinaryKey()
+    void theWakeUpKeyAndTheMenuKeyAreBothFn()
     {
         if (XKeysymToKeycode(m_x, XF86XK_WakeUp) == 0)
             QSKIP("this X server's keymap has no XF86WakeUp key");
         QVERIFY(xdotool({ u"keydown"_s, u"XF86WakeUp"_s }));
         QVERIFY(xdotool({ u"keyup"_s, u"XF86WakeUp"_s }));
-        QVERIFY(xdotool({ u"key"_s, u"Menu"_s }));
-        const QStringList seen = settle();
-        QCOMPARE(seen.size(), 4);
-        QCOMPARE(seen.mid(0, 2), (QStringList { u"flagsChanged 63 flags=0x800000"_s, u"flagsChanged 63 flags=0x0"_s }));
-        QVERIFY2(seen[2].startsWith(u"down "_s) && seen[3].startsWith(u"up "_s), qPrintable(seen.join(u", ")));
+        QVERIFY(xdotool({ u"keydown"_s, u"Menu"_s }));
+        QVERIFY(xdotool({ u"keyup"_s, u"Menu"_s }));
+        QCOMPARE(settle(),
+            (QStringList { u"flagsChanged 63 flags=0x800000"_s, u"flagsChanged 63 flags=0x0"_s,
+                u"flagsChanged 63 flags=0x800000"_s, u"flagsChanged 63 flags=0x0"_s }));
     }
     void withoutAnFnKeyMenuStandsIn()
     {

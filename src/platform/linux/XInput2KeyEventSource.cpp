@@ -195,7 +195,6 @@ void XInput2KeyEventSource::loadKeymap()
 
     m_keyboard.clearRoles();
     std::vector<unsigned> menuKeys;
-    bool haveFn = false;
     for (unsigned code = desc->min_key_code; code <= desc->max_key_code && code < KeyboardState::keyCount; ++code) {
         const char* const rawName = desc->names->keys[code].name;
         const std::string_view name(rawName, strnlen(rawName, XkbKeyNameLength));
@@ -209,17 +208,15 @@ void XInput2KeyEventSource::loadKeymap()
             const KeySym sym = XkbKeySymEntry(desc, code, 0, 0);
             if (sym == kFnKeysym || sym == XF86XK_WakeUp) {
                 m_keyboard.setRole(code, PhysicalKey::fn);
-                haveFn = true;
             }
         }
     }
-    // No Fn key on this keyboard (the usual case: PC keyboards handle Fn in their
-    // own firmware): the Menu key, next to the right-hand modifiers and rarely
-    // used, stands in for it.
-    if (!haveFn) {
-        for (unsigned code : menuKeys)
-            m_keyboard.setRole(code, PhysicalKey::fn);
-    }
+    // The Menu key, next to the right-hand modifiers and rarely used, is fn as well.
+    // Almost every keymap lists a wake-up key, but most PC keyboards handle their Fn
+    // key in their own firmware and never send it: without the stand-in, choosing fn
+    // would leave most people with a hotkey they cannot press.
+    for (unsigned code : menuKeys)
+        m_keyboard.setRole(code, PhysicalKey::fn);
     XkbFreeKeyboard(desc, 0, True);
 }
 
