@@ -9,8 +9,10 @@ packages=(
   # Qt 6 and friends
   qt6-base-dev qt6-base-dev-tools qt6-websockets-dev qt6-httpserver-dev qt6-multimedia-dev
   qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-layouts
-  qml6-module-qtquick-window qml6-module-qtqml-workerscript
+  qml6-module-qtquick-window qml6-module-qtqml-workerscript qml6-module-qtquick-templates
   libqt6sql6-sqlite libqt6svg6 qt6-qpa-plugins
+  # colour emoji for the first-run window's step pictures
+  fonts-noto-color-emoji
   qcoro-qt6-dev libsecret-1-dev
   # platform layers
   libx11-dev libxi-dev libxtst-dev libatspi2.0-dev libpulse-dev libsoxr-dev libspeexdsp-dev

@@ -2,6 +2,7 @@
 
 #include "platform/WindowCompositing.h"
 #include "ui/HUDPlacement.h"
+#include "ui/UiEngine.h"
 
 #include <QCoreApplication>
 #include <QCursor>
@@ -16,10 +17,6 @@
 #include <QRegion>
 #include <QScreen>
 #include <QTimer>
-#include <QtQml/qqmlextensionplugin.h>
-
-// The views are a static QML module; its plugin registers their types.
-Q_IMPORT_QML_PLUGIN(Quillet_UiPlugin)
 
 using namespace Qt::StringLiterals;
 
@@ -31,16 +28,14 @@ std::optional<bool>& translucentOverride()
     return value;
 }
 
-// One engine for the whole program, and HUDView compiled once for it: every
-// dictation makes a new controller, and its capsule must come up at once. The
-// engine goes with the application object.
+// HUDView compiled once on the program's one engine: every dictation makes a new
+// controller, and its capsule must come up at once. The component goes with the engine.
 QQmlComponent* hudComponent()
 {
     static QPointer<QQmlComponent> component;
     if (component)
         return component;
-    auto* engine = new QQmlEngine(QCoreApplication::instance());
-    engine->addImportPath(u"qrc:/qt/qml"_s);
+    QQmlEngine* engine = &UiEngine::shared();
     component = new QQmlComponent(
         engine, QUrl(u"qrc:/qt/qml/Quillet/Ui/HUDView.qml"_s), QQmlComponent::PreferSynchronous, engine);
     if (component->isError()) {

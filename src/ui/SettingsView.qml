@@ -1,0 +1,79 @@
+// The settings form: hotkey, input device, version. Every change is stored at once.
+import QtQuick
+import QtQuick.Controls.Fusion
+import QtQuick.Layouts
+import Quillet.Ui
+
+Pane {
+    id: root
+
+    required property SettingsViewModel settings
+
+    padding: 16
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 10
+
+        FormSection {
+            title: "Hotkey"
+            Layout.fillWidth: true
+
+            FormLabel {
+                text: "Record hotkey"
+                Layout.alignment: Qt.AlignRight | Qt.AlignTop
+                Layout.topMargin: 4
+            }
+            HotkeyRadioGroup {
+                objectName: "hotkeyGroup"
+                Layout.fillWidth: true
+                selection: root.settings.hotkeys
+                Accessible.name: "Record hotkey"
+            }
+        }
+
+        FormSection {
+            title: "Microphone"
+            Layout.fillWidth: true
+
+            FormLabel {
+                text: "Input device"
+            }
+            ComboBox {
+                objectName: "inputDevicePicker"
+                Layout.fillWidth: true
+                model: root.settings.deviceChoices
+                currentIndex: root.settings.deviceIndex
+                onActivated: index => root.settings.deviceIndex = index
+                Accessible.name: "Input device"
+            }
+        }
+
+        FormSection {
+            title: "About"
+            Layout.fillWidth: true
+
+            FormLabel {
+                text: "Version"
+            }
+            Label {
+                objectName: "versionValue"
+                Layout.fillWidth: true
+                text: root.settings.version
+            }
+
+            Item {
+                Layout.preferredWidth: 1
+            }
+            Button {
+                // Deliberately inert: there is no update service to ask yet.
+                objectName: "checkForUpdatesButton"
+                text: "Check for updates"
+            }
+        }
+
+        Item {
+            Layout.fillHeight: true
+        }
+    }
+}

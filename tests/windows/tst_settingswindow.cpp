@@ -1,0 +1,248 @@
+#include "WindowTestTools.h"
+
+#include "TestInfoFile.h"
+#include "services/SettingsStore.h"
+#include "ui/SettingsWindow.h"
+
+#include <QGuiApplication>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QScreen>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+using namespace WindowTestTools;
+
+// A failed check inside the helper ends the test function too.
+#define SHOW_WINDOW()                                                                                                  \
+    do {                                                                                                               \
+        showWindow();                                                                                                  \
+        if (QTest::currentTestFailed())                                                                                \
+            return;                                                                                                    \
+    } while (false)
+
+namespace {
+
+QStringList pickerTexts(QQuickItem* picker)
+{
+    QStringList texts;
+    const int count = picker->property("count").toInt();
+    for (int i = 0; i < count; ++i) {
+        QString text;
+        QMetaObject::invokeMethod(picker, "textAt", Q_RETURN_ARG(QString, text), Q_ARG(int, i));
+        texts.append(text);
+    }
+    return texts;
+}
+
+// What the user's choice in the picker does: the control announces the choice.
+void choose(QQuickItem* picker, int index)
+{
+    QMetaObject::invokeMethod(picker, "activated", Q_ARG(int, index));
+}
+
+QSettings userSettings()
+{
+    return QSettings(u"Quillet"_s, u"Quillet"_s);
+}
+
+} // namespace
+
+class TestSettingsWindow : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void windowIsFixedTitledAndCentred();
+    void hotkeyRadiosWriteTheStore();
+    void deviceListHasTheSessionMicrophoneAndNoMonitor();
+    void choosingADeviceStoresItsNameAndSystemDefaultRemovesIt();
+    void aDeviceThatIsGoneKeepsItsValue();
+    void deviceListIsReadAgainEachTimeTheWindowShows();
+    void versionComesFromTheInformationFile();
+    void checkForUpdatesIsThereAndDoesNothing();
+    void closeButtonEmitsClosed();
+
+private:
+    // Shows a fresh window and waits until it is on screen and its device list came in.
+    void showWindow();
+    QQuickItem* item(const QString& name) { return findItem(m_window->rootItem(), name); }
+
+    std::unique_ptr<SettingsWindow> m_window;
+};
+
+void TestSettingsWindow::initTestCase()
+{
+    // The session gives a temporary home; test mode keeps the settings inside it even so.
+    QVERIFY(qEnvironmentVariableIsSet("QUILLET_DESKTOP_SESSION"));
+    QStandardPaths::setTestModeEnabled(true);
+}
+
+void TestSettingsWindow::init()
+{
+    userSettings().clear();
+    SettingsStore::resetShared();
+}
+
+void TestSettingsWindow::cleanup()
+{
+    m_window.reset();
+}
+
+void TestSettingsWindow::showWindow()
+{
+    m_window = std::make_unique<SettingsWindow>();
+    QVERIFY(m_window->rootItem());
+    QSignalSpy devices(&m_window->model(), &SettingsViewModel::devicesChanged);
+    m_window->showAndRaise();
+    QVERIFY(QTest::qWaitForWindowExposed(m_window->window()));
+    QTRY_VERIFY_WITH_TIMEOUT(!devices.isEmpty(), 10000);
+}
+
+void TestSettingsWindow::windowIsFixedTitledAndCentred()
+{
+    SHOW_WINDOW();
+    QQuickWindow* window = m_window->window();
+    QCOMPARE(window->title(), u"Quillet Settings"_s);
+    QCOMPARE(window->size(), QSize(460, 380));
+    QCOMPARE(window->minimumSize(), QSize(460, 380));
+    QCOMPARE(window->maximumSize(), QSize(460, 380));
+    QCOMPARE(m_window->rootItem()->size(), QSizeF(460, 380));
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    QVERIFY((window->geometry().center() - area.center()).manhattanLength() <= 2);
+    // Unlike the capsule, this window takes the keyboard.
+    QVERIFY(QTest::qWaitForWindowActive(window));
+}
+
+void TestSettingsWindow::hotkeyRadiosWriteTheStore()
+{
+    SHOW_WINDOW();
+    const QStringList expected { u"fn"_s, u"Right Option (\u2325)"_s, u"Right Command (\u2318)"_s, u"Caps Lock"_s };
+    for (int i = 0; i < expected.size(); ++i) {
+        QQuickItem* radio = item(u"hotkeyChoice%1"_s.arg(i));
+        QVERIFY(radio);
+        QCOMPARE(radio->property("text").toString(), expected[i]);
+        QCOMPARE(radio->property("checked").toBool(), i == 0);
+    }
+    const QString note = item(u"keyboardNote"_s)->property("text").toString();
+    QVERIFY2(note.contains(u"right Alt"_s) && note.contains(u"right Super"_s)
+            && note.contains(u"Menu key on keyboards without Fn"_s),
+        qPrintable(note));
+
+    click(item(u"hotkeyChoice2"_s));
+    QCOMPARE(SettingsStore::shared().hotkey(), Hotkey::rightCommand);
+    QCOMPARE(userSettings().value(u"hotkey"_s).toString(), u"rightCommand"_s);
+    QVERIFY(item(u"hotkeyChoice2"_s)->property("checked").toBool());
+    QVERIFY(!item(u"hotkeyChoice0"_s)->property("checked").toBool());
+
+    // A change made elsewhere (the first-run window) shows here at once.
+    SettingsStore::shared().setHotkey(Hotkey::capsLock);
+    QVERIFY(item(u"hotkeyChoice3"_s)->property("checked").toBool());
+    QVERIFY(!item(u"hotkeyChoice2"_s)->property("checked").toBool());
+}
+
+void TestSettingsWindow::deviceListHasTheSessionMicrophoneAndNoMonitor()
+{
+    SHOW_WINDOW();
+    // The session's sound server has one microphone (vmic, "VirtualMicrophone") and
+    // two outputs whose monitors are sources too; those must not be offered.
+    const QStringList texts = pickerTexts(item(u"inputDevicePicker"_s));
+    QCOMPARE(texts, (QStringList { u"System default"_s, u"VirtualMicrophone"_s }));
+    QCOMPARE(m_window->model().devices(), (QList<Microphone> { { u"vmic"_s, u"VirtualMicrophone"_s } }));
+    const std::optional<QString> sources = run(u"pactl"_s, { u"list"_s, u"short"_s, u"sources"_s });
+    QVERIFY(sources);
+    QVERIFY2(sources->contains(u"mic_feed.monitor"_s), qPrintable(*sources));
+    QCOMPARE(item(u"inputDevicePicker"_s)->property("currentIndex").toInt(), 0);
+}
+
+void TestSettingsWindow::choosingADeviceStoresItsNameAndSystemDefaultRemovesIt()
+{
+    SHOW_WINDOW();
+    QQuickItem* picker = item(u"inputDevicePicker"_s);
+    choose(picker, 1);
+    QCOMPARE(SettingsStore::shared().micDeviceUID(), u"vmic"_s);
+    QCOMPARE(userSettings().value(u"micDeviceUID"_s).toString(), u"vmic"_s);
+    QCOMPARE(picker->property("currentIndex").toInt(), 1);
+
+    choose(picker, 0);
+    QVERIFY(SettingsStore::shared().micDeviceUID().isNull());
+    QVERIFY(!userSettings().contains(u"micDeviceUID"_s));
+    QCOMPARE(picker->property("currentIndex").toInt(), 0);
+}
+
+void TestSettingsWindow::aDeviceThatIsGoneKeepsItsValue()
+{
+    SettingsStore::shared().setMicDeviceUID(u"usb-headset-unplugged"_s);
+    SHOW_WINDOW();
+    QCOMPARE(item(u"inputDevicePicker"_s)->property("currentIndex").toInt(), -1);
+    QCOMPARE(pickerTexts(item(u"inputDevicePicker"_s)).size(), 2);
+    QCOMPARE(SettingsStore::shared().micDeviceUID(), u"usb-headset-unplugged"_s);
+    QCOMPARE(userSettings().value(u"micDeviceUID"_s).toString(), u"usb-headset-unplugged"_s);
+}
+
+void TestSettingsWindow::deviceListIsReadAgainEachTimeTheWindowShows()
+{
+    SHOW_WINDOW();
+    QCOMPARE(pickerTexts(item(u"inputDevicePicker"_s)).size(), 2);
+    m_window->close();
+
+    const std::optional<QString> module = run(u"pactl"_s,
+        { u"load-module"_s, u"module-null-source"_s, u"source_name=desk_mic"_s, u"description=DeskMicrophone"_s });
+    QVERIFY(module);
+    QSignalSpy devices(&m_window->model(), &SettingsViewModel::devicesChanged);
+    m_window->showAndRaise();
+    QTRY_VERIFY_WITH_TIMEOUT(!devices.isEmpty(), 10000);
+    const QStringList texts = pickerTexts(item(u"inputDevicePicker"_s));
+    QVERIFY(run(u"pactl"_s, { u"unload-module"_s, module->trimmed() }));
+    QCOMPARE(texts, (QStringList { u"System default"_s, u"VirtualMicrophone"_s, u"DeskMicrophone"_s }));
+}
+
+void TestSettingsWindow::versionComesFromTheInformationFile()
+{
+    {
+        TestInfoFile info(QJsonObject { { u"CFBundleShortVersionString"_s, u"4.5.6"_s } });
+        SHOW_WINDOW();
+        QCOMPARE(item(u"versionValue"_s)->property("text").toString(), u"4.5.6"_s);
+        m_window->close();
+    }
+    {
+        TestInfoFile info(QJsonObject { { u"SITE_URL"_s, u"http://127.0.0.1:3000"_s } });
+        m_window->showAndRaise();
+        QTRY_COMPARE(item(u"versionValue"_s)->property("text").toString(), u"\u2014"_s);
+    }
+}
+
+void TestSettingsWindow::checkForUpdatesIsThereAndDoesNothing()
+{
+    SHOW_WINDOW();
+    QQuickItem* button = item(u"checkForUpdatesButton"_s);
+    QVERIFY(button);
+    QCOMPARE(button->property("text").toString(), u"Check for updates"_s);
+    QVERIFY(button->isEnabled());
+    // The button is a QML control: its signal is known by name only.
+    QSignalSpy clicked(button, SIGNAL(clicked()));
+    const QStringList keysBefore = userSettings().allKeys();
+    click(button);
+    QCOMPARE(clicked.count(), 1);
+    QTest::qWait(50);
+    QCOMPARE(userSettings().allKeys(), keysBefore);
+    QVERIFY(m_window->isVisible());
+}
+
+void TestSettingsWindow::closeButtonEmitsClosed()
+{
+    SHOW_WINDOW();
+    QSignalSpy closed(m_window.get(), &FormWindow::closed);
+    QVERIFY(sendCloseRequest(m_window->window()));
+    QTRY_COMPARE(closed.count(), 1);
+    QVERIFY(!m_window->isVisible());
+}
+
+QTEST_MAIN(TestSettingsWindow)
+#include "tst_settingswindow.moc"
