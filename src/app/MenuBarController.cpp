@@ -100,7 +100,8 @@ void MenuBarController::rebuildMenu()
     history->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_H));
     menu->addSeparator();
     if (signedIn) {
-        menu->addAction(u"Account & Billing…"_s, this, &MenuBarController::didSelectAccount);
+        // A lone "&" marks the next letter as the mnemonic and is not drawn: "&&" shows one.
+        menu->addAction(u"Account && Billing…"_s, this, &MenuBarController::didSelectAccount);
         menu->addAction(u"Sign out"_s, this, &MenuBarController::didSelectSignOut);
     } else {
         menu->addAction(u"Sign in…"_s, this, &MenuBarController::didSelectSignIn);
