@@ -155,3 +155,7 @@ void MenuBarController::didSelectSettings()
     if (MenuBarDelegate* target = delegate())
         target->showSettings();
 }
+
+// The meta-object code goes into this object file, not the library's shared one, so linking
+// the tray menu does not also pull in every other class of the application shell.
+#include "moc_MenuBarController.cpp"
