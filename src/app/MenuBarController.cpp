@@ -117,7 +117,10 @@ void MenuBarController::rebuildMenu()
         action->setShortcutVisibleInContextMenu(true);
 
     m_statusItem->setContextMenu(menu.get());
-    // The old menu goes only now: the tray must never be left pointing at a deleted one.
+    // The old menu goes only now: the tray must never be left pointing at a deleted one. Nor
+    // at once: after "Sign out" the old menu is still inside its own handling of that click.
+    if (m_menu)
+        m_menu.release()->deleteLater();
     m_menu = std::move(menu);
 }
 
