@@ -547,9 +547,15 @@ private Q_SLOTS:
         settings->trigger();
         QCOMPARE(delegate.settingsShown, 1);
 
-        QAction* signOut = actionNamed(controller.menu(), u"Sign out"_s);
+        // Sign out chosen with the mouse in the open menu, the way a user of an XEmbed tray
+        // does: the menu being clicked is replaced while it is still handling the click.
+        QPointer<QMenu> openMenu = controller.menu();
+        QAction* signOut = actionNamed(openMenu, u"Sign out"_s);
         QVERIFY(signOut);
-        signOut->trigger();
+        openMenu->popup(QPoint(100, 100));
+        QVERIFY(QTest::qWaitForWindowExposed(openMenu));
+        QTest::mouseClick(openMenu, Qt::LeftButton, {}, openMenu->actionGeometry(signOut).center());
+        QTRY_VERIFY(openMenu.isNull());
         QVERIFY(!KeychainHelper::load(KeychainHelper::accessTokenKey));
         QCOMPARE(menuEntries(*controller.menu()), signedOutMenu());
         QCOMPARE(controller.statusItem()->contextMenu(), controller.menu());
