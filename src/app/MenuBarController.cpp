@@ -100,7 +100,8 @@ void MenuBarController::rebuildMenu()
     history->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_H));
     menu->addSeparator();
     if (signedIn) {
-        menu->addAction(u"Account & Billing…"_s, this, &MenuBarController::didSelectAccount);
+        // A lone "&" marks the next letter as the mnemonic and is not drawn: "&&" shows one.
+        menu->addAction(u"Account && Billing…"_s, this, &MenuBarController::didSelectAccount);
         menu->addAction(u"Sign out"_s, this, &MenuBarController::didSelectSignOut);
     } else {
         menu->addAction(u"Sign in…"_s, this, &MenuBarController::didSelectSignIn);
@@ -116,7 +117,10 @@ void MenuBarController::rebuildMenu()
         action->setShortcutVisibleInContextMenu(true);
 
     m_statusItem->setContextMenu(menu.get());
-    // The old menu goes only now: the tray must never be left pointing at a deleted one.
+    // The old menu goes only now: the tray must never be left pointing at a deleted one. Nor
+    // at once: after "Sign out" the old menu is still inside its own handling of that click.
+    if (m_menu)
+        m_menu.release()->deleteLater();
     m_menu = std::move(menu);
 }
 
@@ -154,3 +158,7 @@ void MenuBarController::didSelectSettings()
     if (MenuBarDelegate* target = delegate())
         target->showSettings();
 }
+
+// The meta-object code goes into this object file, not the library's shared one, so linking
+// the tray menu does not also pull in every other class of the application shell.
+#include "moc_MenuBarController.cpp"
