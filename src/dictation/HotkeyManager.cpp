@@ -38,6 +38,11 @@ void HotkeyManager::registerTap()
     }
     m_registered = true;
     Log::write(Log::Symbol::Success, u"Event tap created (defaultTap) \u2014 hotkey monitoring active");
+    // The fn stand-in is an ordinary key on most keyboards: keep it from the applications
+    // only while it is the hotkey.
+    const auto reserveFnKey = [this] { m_source->setFnKeyReserved(SettingsStore::shared().hotkey() == Hotkey::fn); };
+    reserveFnKey();
+    QObject::connect(&SettingsStore::shared(), &SettingsStore::hotkeyChanged, &m_settingsWatch, reserveFnKey);
 }
 
 KeyEventDisposition HotkeyManager::handleEvent(KeyEventType type, const KeyEvent& event)

@@ -74,4 +74,5 @@ private:
     bool m_isHolding = false;
     std::optional<std::chrono::steady_clock::time_point> m_lastTapTime;
     double m_doubleTapInterval = 0.4;
+    QObject m_settingsWatch; // ends the settings connection with the manager
 };

@@ -72,6 +72,10 @@ public:
     virtual void stop() = 0;
     // Whether a drop answer keeps the event from the focused application.
     virtual bool canDrop() const = 0;
+    // Keeps presses of the fn key from the focused application (true) or lets them through
+    // again (false). Matters where fn is an ordinary key that applications act on, such as
+    // the Menu key standing in for it; a source without such a key ignores it.
+    virtual void setFnKeyReserved(bool reserved) = 0;
 };
 
 // The desktop's global key events (on Linux: XInput2 raw key events of the X server).

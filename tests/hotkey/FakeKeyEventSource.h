@@ -13,6 +13,7 @@ public:
     struct Record {
         int starts = 0;
         int stops = 0;
+        bool fnReserved = false;
     };
 
     explicit FakeKeyEventSource(
@@ -34,6 +35,7 @@ public:
         m_handler = {};
     }
     bool canDrop() const override { return true; }
+    void setFnKeyReserved(bool reserved) override { m_record->fnReserved = reserved; }
 
     // Whether a handler is listening (start() succeeded and stop() has not come).
     bool listening() const { return static_cast<bool>(m_handler); }

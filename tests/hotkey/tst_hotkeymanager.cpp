@@ -127,6 +127,22 @@ private Q_SLOTS:
         QCOMPARE(out.lines().size(), 2);
         QVERIFY(out.lines().constFirst().startsWith(u"⚠️ [Quillet] Event tap FAILED"_s));
     }
+    void theFnKeyIsKeptFromApplicationsOnlyWhileItIsTheHotkey()
+    {
+        selectHotkey(Hotkey::fn);
+        registerQuietly();
+        QVERIFY(m_record->fnReserved);
+        selectHotkey(Hotkey::rightOption);
+        QVERIFY(!m_record->fnReserved);
+        selectHotkey(Hotkey::fn);
+        QVERIFY(m_record->fnReserved);
+    }
+    void anotherHotkeyLeavesTheFnKeyAlone()
+    {
+        selectHotkey(Hotkey::capsLock);
+        registerQuietly();
+        QVERIFY(!m_record->fnReserved);
+    }
     void doubleTapIntervalIsPointFour() { QCOMPARE(m_manager->doubleTapInterval(), 0.4); }
 
     void everyFlagsChangedEventIsLogged_data()

@@ -144,6 +144,13 @@ void XInput2KeyEventSource::readPendingEvents()
                     findXTestDevices();
                 XFreeEventData(m_display, cookie);
             }
+        } else if (event.type == KeyPress || event.type == KeyRelease) {
+            // A key we hold a grab on: while the grab is active the server sends it to us
+            // as a core event and the raw release may not come. Whichever of the two
+            // arrives second is taken for a repeat or a stray release and dropped.
+            const unsigned keycode = event.xkey.keycode;
+            if (std::find(m_grabbedKeys.begin(), m_grabbedKeys.end(), keycode) != m_grabbedKeys.end())
+                handleRawKey(keycode, -1, event.type == KeyPress);
         } else if (event.type == m_xkbEventBase) {
             const auto* xkb = reinterpret_cast<const XkbEvent*>(&event);
             if (xkb->any.xkb_type == XkbNewKeyboardNotify || xkb->any.xkb_type == XkbMapNotify)
@@ -217,7 +224,51 @@ void XInput2KeyEventSource::loadKeymap()
     // would leave most people with a hotkey they cannot press.
     for (unsigned code : menuKeys)
         m_keyboard.setRole(code, PhysicalKey::fn);
+    m_menuKeys = std::move(menuKeys);
     XkbFreeKeyboard(desc, 0, True);
+    updateFnGrab();
+}
+
+namespace {
+
+int grabFailures = 0;
+
+// A key another client has grabbed already answers BadAccess; Xlib's default handler would end the program.
+int countGrabFailure(Display*, XErrorEvent*)
+{
+    ++grabFailures;
+    return 0;
+}
+
+} // namespace
+
+void XInput2KeyEventSource::setFnKeyReserved(bool reserved)
+{
+    m_fnReserved = reserved;
+    updateFnGrab();
+}
+
+void XInput2KeyEventSource::updateFnGrab()
+{
+    if (!m_display)
+        return;
+    // Raw events keep coming while we hold a grab, so listening is unaffected; the
+    // grab only keeps applications from acting on the key (the Menu key would open
+    // a context menu in the very field the text is meant for).
+    const Window root = DefaultRootWindow(m_display);
+    const std::vector<unsigned> wanted = m_fnReserved ? m_menuKeys : std::vector<unsigned> {};
+    if (wanted == m_grabbedKeys)
+        return;
+    grabFailures = 0;
+    XErrorHandler previous = XSetErrorHandler(countGrabFailure);
+    for (unsigned code : m_grabbedKeys)
+        XUngrabKey(m_display, static_cast<int>(code), AnyModifier, root);
+    for (unsigned code : wanted)
+        XGrabKey(m_display, static_cast<int>(code), AnyModifier, root, False, GrabModeAsync, GrabModeAsync);
+    XSync(m_display, False);
+    XSetErrorHandler(previous);
+    // Where another program holds the key, it keeps it: we still hear it, as before.
+    m_grabbedKeys = wanted;
 }
 
 void XInput2KeyEventSource::findXTestDevices()

@@ -39,12 +39,14 @@ public:
     KeyEventSourceStatus start(Handler handler) override;
     void stop() override;
     bool canDrop() const override { return false; }
+    void setFnKeyReserved(bool reserved) override;
 
 private:
     void readPendingEvents();
     void handleRawKey(unsigned keycode, int sourceDevice, bool press);
     void loadKeymap();
     void findXTestDevices();
+    void updateFnGrab();
 
     QByteArray m_displayName;
     bool m_useDefaultDisplay = true;
@@ -56,4 +58,7 @@ private:
     KeyboardState m_keyboard; // keycode roles, held keys, Caps Lock
     bool m_reading = false; // inside readPendingEvents()
     std::vector<int> m_xtestDevices; // slave devices that carry XTest's synthetic events
+    std::vector<unsigned> m_menuKeys; // the Menu keys, which stand in for fn
+    std::vector<unsigned> m_grabbedKeys; // keys whose presses go to us alone
+    bool m_fnReserved = false;
 };
