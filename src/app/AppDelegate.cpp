@@ -8,6 +8,9 @@
 #include "services/KeychainHelper.h"
 #include "services/Log.h"
 #include "ui/HUDWindowController.h"
+#include "ui/OnboardingState.h"
+#include "ui/OnboardingWindow.h"
+#include "ui/SettingsWindow.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -51,6 +54,8 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
         Qt::QueuedConnection);
 
     m_hotkeyManager->registerTap();
+    if (!OnboardingState::isComplete())
+        showOnboarding();
     pingBackend();
     // Compiling the capsule's views now keeps the first key press quick.
     QTimer::singleShot(0, this, [] { HUDWindowController::preload(); });
@@ -108,6 +113,8 @@ void AppDelegate::handleDeepLink(const QString& link)
 
 void AppDelegate::hotkeyBegan(bool isToneMode)
 {
+    // The first-run window's hotkey step shows the key working.
+    OnboardingState::shared().setHotkeyHeld(true);
     Log::write(Log::Symbol::Microphone, u"hotkeyBegan toneMode=%1"_s.arg(isToneMode ? u"true"_s : u"false"_s));
     QMetaObject::invokeMethod(
         this,
@@ -130,6 +137,7 @@ void AppDelegate::hotkeyBegan(bool isToneMode)
 
 void AppDelegate::hotkeyEnded()
 {
+    OnboardingState::shared().setHotkeyHeld(false);
     Log::write(Log::Symbol::Stop, u"hotkeyEnded"_s);
     QMetaObject::invokeMethod(
         this,
@@ -140,8 +148,37 @@ void AppDelegate::hotkeyEnded()
         Qt::QueuedConnection);
 }
 
+void AppDelegate::showOnboarding()
+{
+    if (m_onboardingWindow) {
+        m_onboardingWindow->showAndRaise();
+        return;
+    }
+    const QPointer<AppDelegate> self(this);
+    m_onboardingWindow = new OnboardingWindow(
+        [self] {
+            if (self && self->m_onboardingWindow)
+                self->m_onboardingWindow->close();
+        },
+        OnboardingServices::system(), this);
+    // However it closes (finished, close button, window manager), the first run is over.
+    connect(m_onboardingWindow, &FormWindow::closed, this, [this] {
+        OnboardingState::markComplete();
+        if (m_onboardingWindow)
+            m_onboardingWindow->deleteLater();
+        m_onboardingWindow = nullptr;
+    });
+    m_onboardingWindow->showAndRaise();
+}
+
 void AppDelegate::showSettings()
-{ }
+{
+    if (!m_settingsWindow) {
+        m_settingsWindow = new SettingsWindow(this);
+        connect(m_settingsWindow, &FormWindow::closed, m_settingsWindow, &QObject::deleteLater);
+    }
+    m_settingsWindow->showAndRaise();
+}
 
 void AppDelegate::menuBarDidSelectSignIn()
 {

@@ -2,6 +2,8 @@
 
 #include "app/MenuBarController.h"
 #include "dictation/HotkeyManager.h"
+#include "ui/OnboardingWindow.h"
+#include "ui/SettingsWindow.h"
 
 #include <QObject>
 #include <QPointer>
@@ -10,7 +12,6 @@
 #include <memory>
 
 class DictationSession;
-class QNetworkAccessManager;
 class SingleInstance;
 
 // The root of the running program: wires everything at launch, owns the tray menu,
@@ -33,11 +34,16 @@ public:
     void hotkeyBegan(bool isToneMode) override;
     void hotkeyEnded() override;
 
+    // Opens the first-run window.
+    void showOnboarding();
+    // Opens the settings window, or brings the open one forward.
     void showSettings() override;
     void menuBarDidSelectSignIn() override;
 
     MenuBarController* menuBarController() const { return m_menuBarController.get(); }
     bool hasDictationSession() const { return m_dictationSession != nullptr; }
+    OnboardingWindow* onboardingWindow() const { return m_onboardingWindow; }
+    SettingsWindow* settingsWindow() const { return m_settingsWindow; }
 
     // One unauthenticated request to the backend's health address; the answer is ignored.
     static void pingBackend();
@@ -48,4 +54,7 @@ private:
     std::unique_ptr<MenuBarController> m_menuBarController;
     std::unique_ptr<HotkeyManager> m_hotkeyManager;
     std::shared_ptr<DictationSession> m_dictationSession;
+    // Each lives while it is open; closing forgets it.
+    QPointer<OnboardingWindow> m_onboardingWindow;
+    QPointer<SettingsWindow> m_settingsWindow;
 };
