@@ -26,8 +26,9 @@
 
 using namespace Qt::StringLiterals;
 
-AppDelegate::AppDelegate(QObject* parent)
+AppDelegate::AppDelegate(std::function<DictationEnvironment()> makeEnvironment, QObject* parent)
     : QObject(parent)
+    , m_makeEnvironment(std::move(makeEnvironment))
 { }
 
 AppDelegate::~AppDelegate() = default;
@@ -129,7 +130,7 @@ void AppDelegate::hotkeyBegan(bool isToneMode)
                     if (self)
                         QTimer::singleShot(0, self, [self] { self->m_dictationSession.reset(); });
                 },
-                DictationEnvironment::system());
+                m_makeEnvironment());
             m_dictationSession->start();
         },
         Qt::QueuedConnection);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/MenuBarController.h"
+#include "dictation/DictationSession.h"
 #include "dictation/HotkeyManager.h"
 #include "ui/OnboardingWindow.h"
 #include "ui/SettingsWindow.h"
@@ -9,9 +10,9 @@
 #include <QPointer>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
-class DictationSession;
 class SingleInstance;
 
 // The root of the running program: wires everything at launch, owns the tray menu,
@@ -21,7 +22,9 @@ class AppDelegate : public QObject, public MenuBarDelegate, public HotkeyManager
 {
     Q_OBJECT
 public:
-    explicit AppDelegate(QObject* parent = nullptr);
+    // makeEnvironment: what each dictation reaches outside itself (the real one by default; tests record).
+    explicit AppDelegate(std::function<DictationEnvironment()> makeEnvironment = &DictationEnvironment::system,
+        QObject* parent = nullptr);
     ~AppDelegate() override;
 
     // The launch sequence; instance is the already-listening single-instance socket.
@@ -51,6 +54,7 @@ public:
 private:
     void registerUrlScheme();
 
+    std::function<DictationEnvironment()> m_makeEnvironment;
     std::unique_ptr<MenuBarController> m_menuBarController;
     std::unique_ptr<HotkeyManager> m_hotkeyManager;
     std::shared_ptr<DictationSession> m_dictationSession;

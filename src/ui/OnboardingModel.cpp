@@ -1,6 +1,7 @@
 #include "ui/OnboardingModel.h"
 
 #include "services/AppConfig.h"
+#include "ui/WhenReady.h"
 
 #include <QDesktopServices>
 
@@ -29,18 +30,19 @@ OnboardingModel::OnboardingModel(OnboardingServices services, std::function<void
     connect(&m_accessibilityTimer, &QTimer::timeout, this, &OnboardingModel::pollAccessibility);
     // The step's first look is the state when the window is made; the answer comes
     // back within the bus timeout.
-    m_services.accessibility->isTrusted().then(this, [this](bool trusted) { setAccessibilityGranted(trusted); });
+    whenReady(m_services.accessibility->isTrusted(), this, [this](bool trusted) { setAccessibilityGranted(trusted); });
 }
 
 void OnboardingModel::checkMicrophone()
 {
-    m_services.microphones->permission().then(this, [this](bool granted) { setMicrophoneGranted(granted); });
+    whenReady(m_services.microphones->permission(), this, [this](bool granted) { setMicrophoneGranted(granted); });
 }
 
 void OnboardingModel::requestMicrophone()
 {
     // A refusal leaves the step as it was: the user may try again or skip.
-    m_services.microphones->requestPermission().then(this, [this](bool granted) { setMicrophoneGranted(granted); });
+    whenReady(
+        m_services.microphones->requestPermission(), this, [this](bool granted) { setMicrophoneGranted(granted); });
 }
 
 void OnboardingModel::watchAccessibility()
@@ -59,7 +61,7 @@ void OnboardingModel::pollAccessibility()
     if (m_accessibilityQueryPending)
         return;
     m_accessibilityQueryPending = true;
-    m_services.accessibility->isTrusted().then(this, [this](bool trusted) {
+    whenReady(m_services.accessibility->isTrusted(), this, [this](bool trusted) {
         m_accessibilityQueryPending = false;
         setAccessibilityGranted(trusted);
         if (trusted && m_accessibilityTimer.isActive()) {

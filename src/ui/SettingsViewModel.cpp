@@ -1,6 +1,7 @@
 #include "ui/SettingsViewModel.h"
 
 #include "services/AppConfig.h"
+#include "ui/WhenReady.h"
 
 using namespace Qt::StringLiterals;
 
@@ -55,7 +56,7 @@ void SettingsViewModel::refresh()
         m_version = version;
         Q_EMIT versionChanged();
     }
-    m_microphones->list().then(this, [this](const QList<Microphone>& devices) {
+    whenReady(m_microphones->list(), this, [this](const QList<Microphone>& devices) {
         m_devices = devices;
         Q_EMIT devicesChanged();
         Q_EMIT deviceIndexChanged();

@@ -1,0 +1,250 @@
+#include "MemorySecretStore.h"
+#include "StdoutCapture.h"
+#include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
+#include "services/KeychainHelper.h"
+#include "ui/HUDState.h"
+#include "ui/OnboardingState.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QMenu>
+#include <QQuickWindow>
+#include <QSettings>
+#include <QtTest>
+
+#include <thread>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A stream that is refused at once, as for a user who is not signed in.
+class RefusedStream : public TranscriptionStream
+{
+public:
+    void setDelegate(QObject*, TranscriptionDelegate*) override { }
+    QCoro::Task<std::optional<StreamConnectFailure>> connect() override
+    {
+        const TranscriptionError error(TranscriptionError::notSignedIn);
+        co_return StreamConnectFailure { error, error.errorDescription() };
+    }
+    void sendAudio(std::span<const qint16>) override { }
+    void stop() override { }
+    void cancel() override { }
+};
+
+class QuietHUD : public HUDPresenter
+{
+public:
+    explicit QuietHUD(QStringList& shown)
+        : m_shown(shown)
+    { }
+    HUDState& hudState() override { return m_state; }
+    void show(const HUDMode& mode) override { m_state.setMode(mode); }
+    void showError(const QString& message) override
+    {
+        m_shown << message;
+        m_state.setMode(HUDMode::error(message));
+    }
+    void showSuccess(const QString&, std::optional<Tone> tone) override { m_state.setMode(HUDMode::success(tone)); }
+
+private:
+    QStringList& m_shown;
+    HUDState m_state;
+};
+
+QStringList menuTitles(QMenu* menu)
+{
+    QStringList titles;
+    for (QAction* action : menu->actions())
+        titles << (action->isSeparator() ? u"-"_s : action->text());
+    return titles;
+}
+
+int visibleWindowsTitled(const QString& title)
+{
+    int count = 0;
+    for (QWindow* window : QGuiApplication::topLevelWindows())
+        count += window->isVisible() && window->title() == title ? 1 : 0;
+    return count;
+}
+
+} // namespace
+
+// The root of the program, in the headless desktop: launch, the first-run and
+// settings windows, sign-in links and the hotkey's edges.
+class TestAppDelegate : public QObject
+{
+    Q_OBJECT
+private:
+    int m_sessionsMade = 0;
+    QStringList m_errorsShown;
+    MemorySecretStore* m_store = nullptr;
+
+    DictationEnvironment environment()
+    {
+        ++m_sessionsMade;
+        DictationEnvironment env;
+        env.makeStream = [] { return std::make_unique<RefusedStream>(); };
+        env.makeCapture = []() -> std::unique_ptr<AudioCapture> { return nullptr; };
+        env.makeHUD = [this] { return std::make_unique<QuietHUD>(m_errorsShown); };
+        env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+        env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+        env.addToHistory = [](const QString&) {};
+        env.insert = [](const QString&) {};
+        env.apiBaseURL = [] { return u"http://127.0.0.1:9"_s; };
+        env.timings.errorLinger = 300ms;
+        return env;
+    }
+
+    std::unique_ptr<AppDelegate> launched(SingleInstance& instance)
+    {
+        auto delegate = std::make_unique<AppDelegate>([this] { return environment(); });
+        delegate->applicationDidFinishLaunching(&instance);
+        return delegate;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QCoreApplication::setOrganizationName(u"Quillet"_s);
+        QCoreApplication::setApplicationName(u"Quillet"_s);
+        QApplication::setQuitOnLastWindowClosed(false);
+    }
+    void init()
+    {
+        auto store = std::make_unique<MemorySecretStore>();
+        m_store = store.get();
+        KeychainHelper::setStore(std::move(store));
+        QSettings().remove(OnboardingState::completeKey);
+        m_sessionsMade = 0;
+        m_errorsShown.clear();
+    }
+    void cleanup() { KeychainHelper::setStore(nullptr); }
+
+    void firstLaunchShowsTheWelcomeAndAnyCloseCompletesIt()
+    {
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        QVERIFY(delegate->onboardingWindow());
+        QTRY_COMPARE(visibleWindowsTitled(u"Welcome to Quillet"_s), 1);
+        QVERIFY(!OnboardingState::isComplete());
+        // The window's own close, as its close button does.
+        delegate->onboardingWindow()->close();
+        QTRY_VERIFY(!delegate->onboardingWindow());
+        QVERIFY(OnboardingState::isComplete());
+        QTRY_COMPARE(visibleWindowsTitled(u"Welcome to Quillet"_s), 0);
+
+        // The next start does not show it again.
+        SingleInstance another;
+        auto next = launched(another);
+        QVERIFY(!next->onboardingWindow());
+    }
+
+    void settingsTwiceIsOneWindow()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        delegate->showSettings();
+        QPointer<SettingsWindow> first = delegate->settingsWindow();
+        QVERIFY(first);
+        delegate->showSettings();
+        QCOMPARE(delegate->settingsWindow(), first.data());
+        QTRY_COMPARE(visibleWindowsTitled(u"Quillet Settings"_s), 1);
+        // Closed, it is forgotten; asked for again, it comes back.
+        first->close();
+        QTRY_VERIFY(!delegate->settingsWindow());
+        delegate->showSettings();
+        QVERIFY(delegate->settingsWindow());
+        QTRY_COMPARE(visibleWindowsTitled(u"Quillet Settings"_s), 1);
+        delegate->settingsWindow()->close();
+    }
+
+    void theSignInLinkSavesBothTokensAndTheMenuFollows()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        QCOMPARE(menuTitles(delegate->menuBarController()->menu()).first(), u"Quillet"_s);
+        delegate->handleDeepLink(u"quillet://auth?token=A&refresh=R"_s);
+        QCOMPARE(KeychainHelper::load(KeychainHelper::accessTokenKey), std::optional<QString>(u"A"_s));
+        QCOMPARE(KeychainHelper::load(KeychainHelper::refreshTokenKey), std::optional<QString>(u"R"_s));
+        QCOMPARE(menuTitles(delegate->menuBarController()->menu()),
+            (QStringList { u"Quillet — Active"_s, u"-"_s, u"History"_s, u"-"_s, u"Account && Billing…"_s, u"Sign out"_s,
+                u"-"_s, u"Settings…"_s, u"-"_s, u"Quit Quillet"_s }));
+    }
+
+    void incompleteForeignAndRepeatedLinksSaveNothing()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        StdoutCapture out;
+        delegate->handleDeepLink(u"quillet://auth?token=A"_s);
+        delegate->handleDeepLink(u"quillet://other?token=A&refresh=R"_s);
+        delegate->handleDeepLink(u"quillet://auth?token&refresh=R"_s);
+        QVERIFY(out.lines().isEmpty()); // ignored without a word
+        delegate->handleDeepLink(u"quillet://auth?token=A&refresh=R&token=B"_s);
+        QCOMPARE(out.lines(), QStringList { u"⚠️ [Quillet] ignored a sign-in link that repeats \"token\""_s });
+        QVERIFY(!KeychainHelper::load(KeychainHelper::accessTokenKey));
+        QVERIFY(!KeychainHelper::load(KeychainHelper::refreshTokenKey));
+        QCOMPARE(menuTitles(delegate->menuBarController()->menu()).first(), u"Quillet"_s);
+    }
+
+    void aLaterStartHandsItsLinkOver()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        QVERIFY(instance.listen());
+        auto delegate = launched(instance);
+        // What `quillet <link>` does when this one is running, from another thread as another process would.
+        bool handedOver = false;
+        std::thread later([&] { handedOver = SingleInstance::handOver({ u"quillet://auth?token=A2&refresh=R2"_s }); });
+        QTRY_VERIFY(KeychainHelper::load(KeychainHelper::accessTokenKey).has_value());
+        later.join();
+        QVERIFY(handedOver);
+        QCOMPARE(KeychainHelper::load(KeychainHelper::refreshTokenKey), std::optional<QString>(u"R2"_s));
+    }
+
+    void aPressWhileTheLastDictationFinishesStartsNothing()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        StdoutCapture out;
+        delegate->hotkeyBegan(false);
+        QTRY_VERIFY(delegate->hasDictationSession());
+        QCOMPARE(m_sessionsMade, 1);
+        delegate->hotkeyEnded();
+        // Released and pressed again while the first still shows its error: refused.
+        delegate->hotkeyBegan(true);
+        QTest::qWait(50);
+        QCOMPARE(m_sessionsMade, 1);
+        QTRY_VERIFY(!delegate->hasDictationSession()); // its completion lets it go
+        QCOMPARE(m_errorsShown, QStringList { u"Sign in to Quillet to use dictation."_s });
+        delegate->hotkeyBegan(false);
+        QTRY_COMPARE(m_sessionsMade, 2);
+        const QStringList lines = out.lines();
+        QVERIFY(lines.contains(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s));
+        QVERIFY(lines.contains(u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s));
+        QVERIFY(lines.contains(u"🛑 [Quillet] hotkeyEnded"_s));
+        QTRY_VERIFY(!delegate->hasDictationSession());
+    }
+
+    void aReleaseWithoutADictationDoesNothing()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        delegate->hotkeyEnded();
+        QTest::qWait(20);
+        QVERIFY(!delegate->hasDictationSession());
+        QCOMPARE(m_sessionsMade, 0);
+    }
+};
+
+QTEST_MAIN(TestAppDelegate)
+#include "tst_appdelegate.moc"
