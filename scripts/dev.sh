@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The two things a newcomer does first:
 #   scripts/dev.sh run    install what is missing, build, start the local backend and the client
+#                         (inside a headless desktop when there is no display)
 #   scripts/dev.sh test   install what is missing, build, run every test
 # Other commands: build [preset], bench, fuzz [seconds].
 set -euo pipefail
@@ -19,24 +20,32 @@ case "${1:-}" in
     scripts/install-deps.sh
     cmake --preset release >/dev/null
     # Only the programs, not the tests and benchmarks.
-    targets=()
-    for t in quillet-server quillet; do
-      cmake --build --preset release --target help | grep -q "^$t:" && targets+=("$t")
-    done
-    [ ${#targets[@]} -gt 0 ] && cmake --build --preset release -j"$jobs" --target "${targets[@]}"
+    cmake --build --preset release -j"$jobs" --target quillet-server quillet
     bin=build/release/bin
-    if [ ! -x "$bin/quillet-server" ]; then
-      echo "quillet-server is not part of this build yet; nothing to run." >&2
-      exit 1
+    if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+      # No desktop to show the program on (a server, a container, CI): bring up the
+      # same headless desktop the tests use, so the program still starts for real.
+      echo "No display found: running Quillet inside a headless desktop (Xvfb, PulseAudio with a virtual"
+      echo "microphone named vmic, a keyring). Ctrl+C ends it. On a desktop, run this from a terminal there."
+      exec scripts/desktop-session.sh -- scripts/dev.sh run-programs "$bin"
     fi
-    if [ ! -x "$bin/quillet" ]; then
-      echo "The desktop client (quillet) is not built yet: only the local backend starts."
-      echo "The backend listens on http://127.0.0.1:8000 (API) and http://127.0.0.1:3000 (sign-in). Ctrl+C stops it."
-      exec "$bin/quillet-server"
+    exec scripts/dev.sh run-programs "$bin"
+    ;;
+  run-programs)
+    # The local backend unless one already answers, then the client in the foreground.
+    bin=${2:-build/release/bin}
+    server=""
+    if ! curl -fsS --max-time 2 http://127.0.0.1:8000/health >/dev/null 2>&1; then
+      "$bin/quillet-server" &
+      server=$!
+      trap '[ -n "$server" ] && kill $server 2>/dev/null || true' EXIT
+      for _ in $(seq 1 50); do
+        curl -fsS --max-time 1 http://127.0.0.1:8000/health >/dev/null 2>&1 && break
+        sleep 0.2
+      done
     fi
-    "$bin/quillet-server" &
-    server=$!
-    trap 'kill $server 2>/dev/null || true' EXIT
+    echo "Quillet runs. Sign in from its tray menu (Sign in…), then hold the hotkey (fn: the Menu key"
+    echo "on most PC keyboards; change it in Settings…), speak, and let go."
     "$bin/quillet"
     ;;
   test)

@@ -21,7 +21,7 @@ packages=(
   libpocketsphinx-dev libsphinxbase-dev pocketsphinx pocketsphinx-en-us pocketsphinx-testdata sphinxbase-utils
   # headless desktop used by the tests
   xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
-  xdg-utils xdotool xclip xterm sox libsox-fmt-all espeak-ng
+  curl xdg-utils xdotool xclip xterm sox libsox-fmt-all espeak-ng
   # keymaps and key repeat inside the test session (setxkbmap, xkbcomp, xset)
   x11-xkb-utils x11-xserver-utils
   # tests and benchmarks
