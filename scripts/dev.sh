@@ -65,7 +65,8 @@ case "${1:-}" in
       [ -x "$b" ] || continue
       echo "== $(basename "$b")"
       case "$(basename "$b")" in
-        *insertion*|*capture*) scripts/desktop-session.sh "$b" ;;
+        # Those that need a desktop (X, sound, keyring, accessibility) get the headless one.
+        *insertion*|*capture*|*hud*|*hotkey*|*token_read*|*program*|*session*) scripts/desktop-session.sh -- "$b" ;;
         *) "$b" ;;
       esac
     done
