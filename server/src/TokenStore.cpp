@@ -159,13 +159,34 @@ bool TokenStore::run(QSqlQuery& query)
     return false;
 }
 
+bool TokenStore::reconnected()
+{
+    if (m_dialect != Dialect::Postgres)
+        return false;
+    QSqlDatabase db = database(m_connection);
+    {
+        QSqlQuery probe(db);
+        if (probe.exec(u"SELECT 1"_s))
+            return false; // the connection works: the statement itself failed
+    }
+    db.close();
+    return db.open();
+}
+
 bool TokenStore::begin()
 {
     m_retryable = false;
     // SQLite: take the write lock at once, so a transaction that reads before it writes
     // cannot be overtaken by another process between the two.
+    const QString statement = m_dialect == Dialect::Sqlite ? u"BEGIN IMMEDIATE"_s : u"BEGIN"_s;
     QSqlQuery query(database(m_connection));
-    return query.exec(m_dialect == Dialect::Sqlite ? u"BEGIN IMMEDIATE"_s : u"BEGIN"_s);
+    if (query.exec(statement))
+        return true;
+    // Nothing was sent yet, so starting again on a new connection is safe.
+    if (!reconnected())
+        return false;
+    QSqlQuery again(database(m_connection));
+    return again.exec(statement);
 }
 
 bool TokenStore::commit()
@@ -244,23 +265,34 @@ bool TokenStore::prepareSchema(QString* error)
 
 std::optional<TokenStore::Account> TokenStore::accountByName(const QString& name)
 {
-    QSqlQuery query(database(m_connection));
-    query.prepare(u"SELECT id, name, generation FROM accounts WHERE name = ?"_s);
-    query.addBindValue(name);
-    if (!run(query) || !query.next())
-        return std::nullopt;
-    return Account { query.value(0).toLongLong(), query.value(1).toString(), query.value(2).toLongLong() };
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlQuery query(database(m_connection));
+        query.prepare(u"SELECT id, name, generation FROM accounts WHERE name = ?"_s);
+        query.addBindValue(name);
+        if (run(query)) {
+            if (!query.next())
+                return std::nullopt;
+            return Account { query.value(0).toLongLong(), query.value(1).toString(), query.value(2).toLongLong() };
+        }
+        if (!reconnected())
+            break;
+    }
+    return std::nullopt;
 }
 
 std::optional<TokenStore::Account> TokenStore::ensureAccount(const QString& name)
 {
-    QSqlQuery insert(database(m_connection));
-    // Both SQLite and PostgreSQL know this form; replicas may run it at the same moment.
-    insert.prepare(u"INSERT INTO accounts(name) VALUES (?) ON CONFLICT (name) DO NOTHING"_s);
-    insert.addBindValue(name);
-    if (!run(insert))
-        return std::nullopt;
-    return accountByName(name);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlQuery insert(database(m_connection));
+        // Both SQLite and PostgreSQL know this form; replicas may run it at the same moment.
+        insert.prepare(u"INSERT INTO accounts(name) VALUES (?) ON CONFLICT (name) DO NOTHING"_s);
+        insert.addBindValue(name);
+        if (run(insert))
+            return accountByName(name);
+        if (!reconnected())
+            break;
+    }
+    return std::nullopt;
 }
 
 QString TokenStore::hashToken(const QString& token)
@@ -276,17 +308,24 @@ QString TokenStore::newOpaqueToken()
 std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds)
 {
     const QString token = newOpaqueToken();
-    QSqlQuery insert(database(m_connection));
-    insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
-                   " VALUES (?, ?, ?, ?, ?)"_s);
-    insert.addBindValue(hashToken(token));
-    insert.addBindValue(randomBase64Url(16));
-    insert.addBindValue(accountId);
-    insert.addBindValue(now);
-    insert.addBindValue(now + lifetimeSeconds);
-    if (!run(insert))
-        return std::nullopt;
-    return token;
+    const QString family = randomBase64Url(16);
+    // Should the insert have landed just before the connection dropped, the second one finds
+    // the token there and leaves it as it is.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlQuery insert(database(m_connection));
+        insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
+                       " VALUES (?, ?, ?, ?, ?) ON CONFLICT (token_hash) DO NOTHING"_s);
+        insert.addBindValue(hashToken(token));
+        insert.addBindValue(family);
+        insert.addBindValue(accountId);
+        insert.addBindValue(now);
+        insert.addBindValue(now + lifetimeSeconds);
+        if (run(insert))
+            return token;
+        if (!reconnected())
+            break;
+    }
+    return std::nullopt;
 }
 
 TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qint64 lifetimeSeconds)
@@ -405,14 +444,18 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
 
 int TokenStore::activeSignIns(qint64 accountId, qint64 now)
 {
-    QSqlQuery query(database(m_connection));
-    query.prepare(u"SELECT COUNT(DISTINCT family) FROM refresh_tokens"
-                  " WHERE account_id = ? AND revoked_at IS NULL AND rotated_at IS NULL AND expires_at > ?"_s);
-    query.addBindValue(accountId);
-    query.addBindValue(now);
-    if (!run(query) || !query.next())
-        return -1;
-    return query.value(0).toInt();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlQuery query(database(m_connection));
+        query.prepare(u"SELECT COUNT(DISTINCT family) FROM refresh_tokens"
+                      " WHERE account_id = ? AND revoked_at IS NULL AND rotated_at IS NULL AND expires_at > ?"_s);
+        query.addBindValue(accountId);
+        query.addBindValue(now);
+        if (run(query))
+            return query.next() ? query.value(0).toInt() : -1;
+        if (!reconnected())
+            break;
+    }
+    return -1;
 }
 
 int TokenStore::signOutEverywhere(qint64 accountId, qint64 now)

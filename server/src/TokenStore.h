@@ -64,6 +64,9 @@ private:
     bool commit();
     void rollback();
     bool run(QSqlQuery& query);
+    // After a failed statement outside a transaction: true when the PostgreSQL connection
+    // had been lost (the server restarted, a proxy dropped it) and is now open again.
+    bool reconnected();
     Rotation rotateOnce(const QString& presented, qint64 now, qint64 lifetimeSeconds);
 
     QString m_connection;

@@ -293,6 +293,29 @@ private Q_SLOTS:
         QVERIFY(m_first->isRunning() && m_second->isRunning());
     }
 
+    void replicasReconnectAfterADatabaseRestart()
+    {
+        QString error;
+        const TokenPair before = signInThroughSite(m_http, *m_first, &error);
+        QVERIFY2(!before.access.isEmpty(), qPrintable(error));
+        QVERIFY2(m_postgres.restart(&error), qPrintable(error));
+
+        // Each replica's first request after the restart finds its connection cut, opens a new
+        // one and answers as if nothing had happened: a single statement on the first replica
+        // (the access check), a transaction on the second (a refresh).
+        QCOMPARE(cleanupStatus(*m_first, before.access), 200);
+        QCOMPARE(refresh(m_second->apiUrl(u"/auth/refresh"_s), u"qrt_unknown"_s).status, 401);
+        for (ServerProcess* server : { m_first.get(), m_second.get() }) {
+            ServerProcess& other = server == m_first.get() ? *m_second : *m_first;
+            const TokenPair pair = signInThroughSite(m_http, *server, &error);
+            QVERIFY2(!pair.refresh.isEmpty(), qPrintable(error));
+            const HttpResult rotated = refresh(other.apiUrl(u"/auth/refresh"_s), pair.refresh);
+            QCOMPARE(rotated.status, 200);
+            QCOMPARE(cleanupStatus(*server, rotated.json().value(u"access_token"_s).toString()), 200);
+        }
+        QVERIFY(!(m_first->output() + m_second->output()).contains("refresh failed: database error"));
+    }
+
     void cleanupTestCase()
     {
         if (QSqlDatabase::contains(m_connection)) {

@@ -155,6 +155,15 @@ bool PostgresCluster::start(QString* error)
     return created;
 }
 
+bool PostgresCluster::restart(QString* error)
+{
+    // Without -o, pg_ctl starts the server again with the settings it had.
+    return run(u"pg_ctl"_s,
+        { u"-D"_s, m_dir.path() + u"/data"_s, u"-l"_s, m_dir.path() + u"/postgres.log"_s, u"-m"_s, u"fast"_s, u"-w"_s,
+            u"-t"_s, u"60"_s, u"restart"_s },
+        error);
+}
+
 void PostgresCluster::stop()
 {
     if (!m_running)

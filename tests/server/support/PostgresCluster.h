@@ -24,6 +24,8 @@ public:
     // initdb, start, and create the database `database()` owned by `user()`.
     bool start(QString* error);
     void stop();
+    // A fast shutdown and a start: every client connection is cut.
+    bool restart(QString* error);
 
     quint16 port() const { return m_port; }
     QString user() const { return QStringLiteral("quillet"); }
