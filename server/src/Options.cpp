@@ -68,6 +68,17 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"site-port"_s, u"Port of the web site (default 3000; 0 picks one)."_s, u"port"_s);
     const QCommandLineOption dataDir(u"data-dir"_s,
         u"Directory of the database and the signing key (default $XDG_DATA_HOME/quillet-server)."_s, u"dir"_s);
+    const QCommandLineOption databaseUrl(u"database"_s,
+        u"Keep accounts and refresh tokens in PostgreSQL, e.g. postgresql://quillet@db.example:5432/quillet or "
+        "\"host=/run/postgresql dbname=quillet\" (default: SQLite in the data directory). Replicas sharing one "
+        "database and one signing key accept each other's tokens."_s,
+        u"url"_s);
+    const QCommandLineOption databasePasswordFile(u"database-password-file"_s,
+        u"File holding the PostgreSQL password (PGPASSWORD and PGPASSFILE work too)."_s, u"file"_s);
+    const QCommandLineOption signingKeyFile(u"signing-key-file"_s,
+        u"The 32-byte key that signs tokens, created if missing (default: signing.key in the data directory). "
+        "Every replica must use the same key."_s,
+        u"file"_s);
     const QCommandLineOption account(
         u"account-name"_s, u"Name of the local account (default: your user name)."_s, u"name"_s);
     const QCommandLineOption speech(u"speech-engine"_s, u"Speech engine: pocketsphinx (default)."_s, u"name"_s);
@@ -108,9 +119,10 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"Milliseconds to wait for the chat endpoint on a clean-up (default 8000)."_s, u"ms"_s);
     const QCommandLineOption chatRewriteTimeout(u"chat-rewrite-timeout"_s,
         u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s, u"ms"_s);
-    parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, account, speech, hmm, lm, dict,
-        threads, preload, maxStreams, maxConnections, maxSeconds, authTimeout, idleTimeout, accessLifetime,
-        refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout, chatRewriteTimeout });
+    parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, databaseUrl, databasePasswordFile,
+        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections, maxSeconds,
+        authTimeout, idleTimeout, accessLifetime, refreshLifetime, text, chatUrl, chatModel, chatKeyFile,
+        chatCleanupTimeout, chatRewriteTimeout });
 
     auto fail = [&result](const QString& message) {
         result.action = ParsedOptions::Action::Fail;
@@ -152,6 +164,21 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     o.sitePort = quint16(value);
 
     o.dataDir = parser.isSet(dataDir) ? parser.value(dataDir) : defaultDataDir(environment);
+    if (parser.isSet(databaseUrl)) {
+        o.postgres = parsePostgresUrl(parser.value(databaseUrl), &error);
+        if (!o.postgres)
+            return fail(error);
+        if (parser.isSet(databasePasswordFile)) {
+            QFile file(parser.value(databasePasswordFile));
+            if (!file.open(QIODevice::ReadOnly))
+                return fail(u"cannot read --database-password-file %1: %2"_s.arg(file.fileName(), file.errorString()));
+            o.postgres->password = QString::fromUtf8(file.readAll()).trimmed();
+        }
+    } else if (parser.isSet(databasePasswordFile)) {
+        return fail(u"--database-password-file needs --database"_s);
+    }
+    if (parser.isSet(signingKeyFile))
+        o.signingKeyFile = parser.value(signingKeyFile);
     o.accountName = parser.isSet(account) ? parser.value(account) : defaultAccountName(environment);
     if (o.accountName.trimmed().isEmpty())
         return fail(u"--account-name may not be empty"_s);

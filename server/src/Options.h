@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChatTextEngine.h"
+#include "DatabaseUrl.h"
 #include "PocketSphinxEngine.h"
 #include "StreamSession.h"
 
@@ -9,11 +10,15 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 struct ServerOptions {
     QHostAddress bindAddress { QHostAddress::LocalHost };
     quint16 apiPort = 8000;
     quint16 sitePort = 3000;
     QString dataDir;
+    std::optional<PostgresConnection> postgres; // accounts and tokens in PostgreSQL instead of SQLite
+    QString signingKeyFile; // empty: signing.key in the data directory
     QString accountName;
     QString speechEngine = QStringLiteral("pocketsphinx");
     PocketSphinxModel model = PocketSphinxModel::debianDefault();
@@ -35,5 +40,6 @@ struct ParsedOptions {
 };
 
 // Reads the command line (and QUILLET_CHAT_API_KEY from the environment, since keys on
-// a command line are visible to every user through ps).
+// a command line are visible to every user through ps; the database password comes from
+// a file, or from libpq's own PGPASSWORD and PGPASSFILE).
 ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironment& environment);

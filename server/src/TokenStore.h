@@ -1,15 +1,20 @@
 #pragma once
 
+#include "DatabaseUrl.h"
+
 #include <QString>
 
 #include <optional>
 
-// Accounts and refresh tokens in SQLite. Refresh tokens are kept only as SHA-256 hashes;
-// every refresh rotates the token, and presenting a token that was already rotated
-// revokes its whole family (the chain of tokens that came from one sign-in).
+class QSqlQuery;
+
+// Accounts and refresh tokens in SQLite (a local file) or PostgreSQL (shared by replicas on
+// several machines). Refresh tokens are kept only as SHA-256 hashes; every refresh rotates
+// the token, and presenting a token that was already rotated revokes its whole family (the
+// chain of tokens that came from one sign-in).
 //
-// Everything lives in the database and nothing in memory, so several server processes
-// can share one database file (WAL mode, busy timeout) and any of them can answer.
+// Everything lives in the database and nothing in memory, so several server processes can
+// share one database and any of them can answer.
 class TokenStore
 {
 public:
@@ -31,7 +36,11 @@ public:
     TokenStore(const TokenStore&) = delete;
     TokenStore& operator=(const TokenStore&) = delete;
 
+    // Opens the database and creates or upgrades its tables.
     bool open(const QString& path, QString* error);
+    bool openPostgres(const PostgresConnection& connection, QString* error);
+    // The version of the tables, recorded in schema_version.
+    static constexpr int schemaVersion = 1;
 
     std::optional<Account> ensureAccount(const QString& name);
     std::optional<Account> accountByName(const QString& name);
@@ -48,5 +57,19 @@ public:
     static QString newOpaqueToken();
 
 private:
+    enum class Dialect { Sqlite, Postgres };
+
+    bool prepareSchema(QString* error);
+    bool begin();
+    bool commit();
+    void rollback();
+    bool run(QSqlQuery& query);
+    // After a failed statement outside a transaction: true when the PostgreSQL connection
+    // had been lost (the server restarted, a proxy dropped it) and is now open again.
+    bool reconnected();
+    Rotation rotateOnce(const QString& presented, qint64 now, qint64 lifetimeSeconds);
+
     QString m_connection;
+    Dialect m_dialect = Dialect::Sqlite;
+    bool m_retryable = false; // the last failure was a deadlock or serialization failure
 };

@@ -100,9 +100,16 @@ int main(int argc, char* argv[])
     Log::line(Log::Kind::Info, u"data directory %1"_s.arg(dataDir.absolutePath()));
 
     TokenStore store;
-    if (!store.open(dataDir.filePath(u"quillet.db"_s), &error))
+    if (options.postgres) {
+        Log::line(Log::Kind::Info, u"database %1"_s.arg(options.postgres->display()));
+        if (!store.openPostgres(*options.postgres, &error))
+            return failStart(u"cannot open the database: %1"_s.arg(error));
+    } else if (!store.open(dataDir.filePath(u"quillet.db"_s), &error)) {
         return failStart(u"cannot open the database: %1"_s.arg(error));
-    const auto key = AuthService::loadOrCreateSigningKey(dataDir.filePath(u"signing.key"_s), &error);
+    }
+    const QString keyFile
+        = options.signingKeyFile.isEmpty() ? dataDir.filePath(u"signing.key"_s) : options.signingKeyFile;
+    const auto key = AuthService::loadOrCreateSigningKey(keyFile, &error);
     if (!key)
         return failStart(error);
     AuthService auth(store, *key, { options.accessTokenSeconds, options.refreshTokenDays * 24 * 3600 });

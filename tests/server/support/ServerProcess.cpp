@@ -24,6 +24,11 @@ ServerProcess::~ServerProcess()
 
 bool ServerProcess::start(QString* error)
 {
+    return launch(error) && waitReady(error);
+}
+
+bool ServerProcess::launch(QString* error)
+{
     m_process = std::make_unique<QProcess>();
     m_process->setProcessChannelMode(QProcess::SeparateChannels);
     m_process->setReadChannel(QProcess::StandardOutput);
@@ -36,6 +41,11 @@ bool ServerProcess::start(QString* error)
         *error = u"the server did not start: "_s + m_process->errorString();
         return false;
     }
+    return true;
+}
+
+bool ServerProcess::waitReady(QString* error)
+{
     static const QRegularExpression apiLine(u"API listening on http://[^:]+:(\\d+)"_s);
     static const QRegularExpression siteLine(u"web site listening on http://[^:]+:(\\d+)"_s);
     const QDeadlineTimer deadline(30'000);

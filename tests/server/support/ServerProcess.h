@@ -20,6 +20,9 @@ public:
 
     void setEnvironment(const QProcessEnvironment& environment) { m_environment = environment; }
     bool start(QString* error);
+    // start() in two halves, so that several servers can be started at the same moment.
+    bool launch(QString* error);
+    bool waitReady(QString* error);
     void stop();
     bool isRunning() const;
     qint64 processId() const;
