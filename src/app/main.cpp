@@ -5,6 +5,8 @@
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QQuickWindow>
+#include <QSGRendererInterface>
 
 #include <cstdio>
 
@@ -81,6 +83,13 @@ int main(int argc, char* argv[])
             return printHistory();
         return 0;
     }
+
+    // The capsule and the two forms are small: the software scene graph draws them at
+    // once, shows the first capsule about ten times sooner and spares the ~100 MB an
+    // OpenGL stack takes (Mesa's llvmpipe where there is no GPU). QT_QUICK_BACKEND
+    // still decides when it is set.
+    if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
+        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 
     QApplication app(argc, argv);
     nameApplication();
