@@ -57,6 +57,22 @@ Item {
         border.width: 1
         border.color: root.translucent ? Qt.rgba(0, 0, 0, 0.08) : "#c7c7cc"
 
+        // Movable by dragging its background, as floating panels are; the buttons of
+        // the tone picker lie above and take their own clicks.
+        MouseArea {
+            objectName: "dragArea"
+            anchors.fill: parent
+            property point grabbedAt
+            onPressed: mouse => grabbedAt = Qt.point(mouse.x, mouse.y)
+            onPositionChanged: mouse => {
+                const window = root.Window.window
+                if (!window)
+                    return
+                window.x += Math.round(mouse.x - grabbedAt.x)
+                window.y += Math.round(mouse.y - grabbedAt.y)
+            }
+        }
+
         Loader {
             id: rows
             anchors.centerIn: parent

@@ -86,6 +86,26 @@ private Q_SLOTS:
         QVERIFY(!QGuiApplication::focusWindow());
     }
 
+    void theCapsuleMovesWhenItsBackgroundIsDragged()
+    {
+        HUDWindowController hud(fastTiming());
+        hud.show(HUDMode::dictating());
+        QVERIFY(waitForExposed(hud));
+        QQuickWindow* window = hud.window();
+        const QPoint before = window->position();
+        const QPoint grab(window->width() / 2 + 60, window->height() / 2); // on the capsule, right of the text
+        // As the window system delivers them: the button held through the move.
+        const auto send = [window](QEvent::Type type, QPointF at, Qt::MouseButton button, Qt::MouseButtons held) {
+            QMouseEvent event(type, at, window->mapToGlobal(at), button, held, {});
+            QCoreApplication::sendEvent(window, &event);
+        };
+        send(QEvent::MouseButtonPress, grab, Qt::LeftButton, Qt::LeftButton);
+        send(QEvent::MouseMove, grab + QPoint(30, -20), Qt::NoButton, Qt::LeftButton);
+        send(QEvent::MouseButtonRelease, grab + QPoint(30, -20), Qt::LeftButton, Qt::NoButton);
+        QTRY_COMPARE(window->position(), before + QPoint(30, -20));
+        QVERIFY(!QGuiApplication::focusWindow()); // dragging takes no focus either
+    }
+
     void xvfbHasNoCompositorSoTheCapsuleIsOpaqueAndShaped()
     {
         QVERIFY(!WindowCompositing::isActive());
