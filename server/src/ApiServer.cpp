@@ -19,6 +19,12 @@ namespace {
 
 // Request bodies are small JSON documents; anything larger is a mistake or an attack.
 constexpr qsizetype maxBodyBytes = 1024 * 1024;
+// A dictation of half an hour is about 30,000 characters; a dictionary is a list of
+// names and jargon. Larger requests get 413 and a body without "text", on which the
+// client keeps the raw transcript.
+constexpr qsizetype maxTextChars = 64 * 1024;
+constexpr qsizetype maxDictionaryTerms = 2000;
+constexpr qsizetype maxTermChars = 100;
 
 QJsonObject errorBody(const QString& code, const QString& message)
 {
@@ -182,6 +188,14 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
     }
     TextRequest textRequest;
     textRequest.text = body->value(u"text"_s).toString();
+    if (textRequest.text.size() > maxTextChars) {
+        Log::line(Log::Kind::Failure,
+            u"%1 refused: %2 characters of text"_s.arg(QLatin1StringView(what)).arg(textRequest.text.size()));
+        reply(responder, Status::PayloadTooLarge,
+            errorBody(u"TEXT_TOO_LONG"_s,
+                u"The text is longer than %1 characters; it is left as dictated."_s.arg(maxTextChars)));
+        return;
+    }
     const QJsonValue dictionary = body->value(u"dictionary"_s);
     if (!dictionary.isUndefined() && !dictionary.isNull()) {
         if (!dictionary.isArray()) {
@@ -189,7 +203,23 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
                 errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
             return;
         }
-        for (const QJsonValue& term : dictionary.toArray()) {
+        const QJsonArray terms = dictionary.toArray();
+        if (terms.size() > maxDictionaryTerms) {
+            Log::line(Log::Kind::Failure,
+                u"%1 refused: %2 dictionary terms"_s.arg(QLatin1StringView(what)).arg(terms.size()));
+            reply(responder, Status::PayloadTooLarge,
+                errorBody(u"DICTIONARY_TOO_LARGE"_s,
+                    u"The dictionary has more than %1 terms; the text is left as dictated."_s.arg(maxDictionaryTerms)));
+            return;
+        }
+        for (const QJsonValue& term : terms) {
+            if (term.isString() && term.toString().size() > maxTermChars) {
+                reply(responder, Status::PayloadTooLarge,
+                    errorBody(u"DICTIONARY_TOO_LARGE"_s,
+                        u"A dictionary term is longer than %1 characters; the text is left as dictated."_s.arg(
+                            maxTermChars)));
+                return;
+            }
             if (!term.isString()) {
                 reply(responder, Status::BadRequest,
                     errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
