@@ -79,9 +79,39 @@ ApiServer::~ApiServer()
     qDeleteAll(findChildren<StreamSession*>(Qt::FindDirectChildrenOnly));
 }
 
+void ApiServer::setBrowserOrigins(const QStringList& origins)
+{
+    m_browserOrigins.clear();
+    for (const QString& origin : origins)
+        m_browserOrigins << origin.toLower();
+}
+
 quint16 ApiServer::listen(const QHostAddress& address, quint16 port)
 {
-    return m_http.listen(address, port);
+    // QHttpServer's own listener would buffer whole requests before any check; the gate
+    // looks at each request's head and body as they arrive.
+    auto gate = std::make_unique<HttpGate>(m_httpSettings);
+    gate->setCheck([this](const HttpRequestHead& head) { return checkHead(head); });
+    if (!gate->listen(address, port))
+        return 0;
+    const quint16 bound = gate->serverPort();
+    m_http.bind(gate.release()); // QHttpServer takes it as a child
+    return bound;
+}
+
+std::optional<HttpRefusal> ApiServer::checkHead(const HttpRequestHead& head) const
+{
+    if (head.path() != "/ws/transcribe")
+        return std::nullopt;
+    if (!head.upgradeToWebSocket)
+        return HttpRefusal { 426, u"UPGRADE_REQUIRED"_s, u"This address speaks WebSocket only."_s,
+            { { "Upgrade", "websocket" } } };
+    // A web page the user happens to visit could otherwise open streams through their
+    // browser; our own site is the only page with business here.
+    const QString origin = QString::fromLatin1(head.value("origin")).toLower();
+    if (!origin.isEmpty() && !m_browserOrigins.contains(origin))
+        return HttpRefusal { 403, u"FORBIDDEN_ORIGIN"_s, u"Streams are not open to other web sites."_s, {} };
+    return std::nullopt;
 }
 
 void ApiServer::addRoutes()
@@ -269,9 +299,22 @@ void ApiServer::acceptWebSockets()
         ++m_connections;
         connect(session, &StreamSession::closed, this, [this, session] {
             --m_connections;
+            m_unauthenticated.removeAll(session);
             session->deleteLater();
         });
-        if (m_connections > m_maxConnections)
+        connect(session, &StreamSession::signedIn, this, [this, session] { m_unauthenticated.removeAll(session); });
+        if (m_connections > m_maxConnections) {
             session->refuseBusy();
+            continue;
+        }
+        // Strangers that never sign in must not crowd out the client: they have their own
+        // few slots, and when those are full the one waiting longest makes room. A real
+        // client signs in within milliseconds of connecting.
+        m_unauthenticated.append(session);
+        while (m_unauthenticated.size() > m_maxUnauthenticated) {
+            const QPointer<StreamSession> oldest = m_unauthenticated.takeFirst();
+            if (oldest)
+                oldest->refuseBusy();
+        }
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ChatTextEngine.h"
+#include "HttpGate.h"
 #include "PocketSphinxEngine.h"
 #include "StreamSession.h"
 
@@ -21,6 +22,8 @@ struct ServerOptions {
     int preloadDecoders = 1;
     StreamLimits limits;
     int maxConnections = 64;
+    int maxUnauthenticated = 32;
+    HttpGateSettings http;
     qint64 accessTokenSeconds = 15 * 60;
     qint64 refreshTokenDays = 30;
     QString textEngine = QStringLiteral("rules");
