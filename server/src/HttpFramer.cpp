@@ -50,6 +50,31 @@ qint64 chunkSize(QByteArrayView line)
     return size;
 }
 
+// Visible ASCII only: Qt's parser drops a connection on anything else in a target, and
+// then nobody would answer or close it.
+bool isTarget(QByteArrayView target)
+{
+    if (target.isEmpty())
+        return false;
+    for (char c : target) {
+        const auto u = static_cast<unsigned char>(c);
+        if (u <= 32 || u >= 127)
+            return false;
+    }
+    return true;
+}
+
+// Field values may hold tabs and bytes from 0x80 up, but no other control characters.
+bool isFieldValue(QByteArrayView value)
+{
+    for (char c : value) {
+        const auto u = static_cast<unsigned char>(c);
+        if ((u < 32 && c != '\t') || u == 127)
+            return false;
+    }
+    return true;
+}
+
 QByteArrayView withoutCr(QByteArrayView line)
 {
     return line.endsWith('\r') ? line.chopped(1) : line;
@@ -114,7 +139,7 @@ HttpRequestHead HttpFramer::parseHead(QByteArrayView head, const HttpLimits& lim
     if (lines.isEmpty())
         return result;
     const QList<QByteArray> requestLine = lines.constFirst().toByteArray().split(' ');
-    if (requestLine.size() != 3 || !isToken(requestLine.at(0)) || requestLine.at(1).isEmpty()
+    if (requestLine.size() != 3 || !isToken(requestLine.at(0)) || !isTarget(requestLine.at(1))
         || (requestLine.at(2) != "HTTP/1.1" && requestLine.at(2) != "HTTP/1.0"))
         return result;
     result.method = requestLine.at(0);
@@ -129,7 +154,7 @@ HttpRequestHead HttpFramer::parseHead(QByteArrayView head, const HttpLimits& lim
         const qsizetype colon = line.indexOf(':');
         // Folded continuation lines and names with spaces are how requests get smuggled
         // past one parser and into another; neither is needed by anything that talks to us.
-        if (colon <= 0 || !isToken(line.first(colon)))
+        if (colon <= 0 || !isToken(line.first(colon)) || !isFieldValue(line.sliced(colon + 1)))
             return result;
         const QByteArray name = line.first(colon).toByteArray().toLower();
         const QByteArray value = line.sliced(colon + 1).trimmed().toByteArray();

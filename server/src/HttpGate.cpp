@@ -97,7 +97,12 @@ public:
         // we saw end but QHttpServer never answered must not hold the connection forever.
         m_responseTimer.setSingleShot(true);
         m_responseTimer.setInterval(responseTimeoutMs);
-        connect(&m_responseTimer, &QTimer::timeout, this, [this] { m_socket->abort(); });
+        connect(&m_responseTimer, &QTimer::timeout, this, [this] {
+            // QHttpServer gives up on a request it cannot parse by disconnecting every signal
+            // of the socket, its own clean-up included; the socket is ours to delete then.
+            m_socket->abort();
+            m_socket->deleteLater();
+        });
         m_headerTimer.start();
     }
 
@@ -259,4 +264,7 @@ void HttpGate::refuse(QTcpSocket* socket, const HttpRefusal& refusal)
             socket->abort();
     });
     QTimer::singleShot(drainMs, socket, [socket] { socket->disconnectFromHost(); });
+    // QHttpServer deletes its sockets when they disconnect, unless it gave up on this one
+    // earlier (see GateWatch); deleting twice later is harmless.
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
 }

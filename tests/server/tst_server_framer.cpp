@@ -82,6 +82,10 @@ private Q_SLOTS:
             << QByteArray("E400");
         QTest::newRow("unknown version") << QByteArray("GET / HTTP/2.0\r\n\r\n") << QByteArray("E400");
         QTest::newRow("space before colon") << QByteArray("GET / HTTP/1.1\r\nHost : a\r\n\r\n") << QByteArray("E400");
+        QTest::newRow("control character in the target")
+            << QByteArray("GET /he\x01lth HTTP/1.1\r\n\r\n") << QByteArray("E400");
+        QTest::newRow("control character in a value")
+            << QByteArray("GET / HTTP/1.1\r\nX: a\x7f\r\n\r\n") << QByteArray("E400");
         QTest::newRow("missing chunk end")
             << QByteArray("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nab\r\n") << QByteArray("HE400");
     }

@@ -5,6 +5,7 @@
 #include "ServerProcess.h"
 #include "StreamClient.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
@@ -339,6 +340,13 @@ private Q_SLOTS:
     // connections are all closed; /health stays reachable.
     void slowAndIdleConnectionsAreClosed()
     {
+        const auto openFiles = [this] {
+            return QDir(u"/proc/%1/fd"_s.arg(m_quick.processId()))
+                .entryList(QDir::NoDotAndDotDot | QDir::System)
+                .size();
+        };
+        const qsizetype filesBefore = openFiles();
+        QVERIFY(filesBefore > 0);
         std::vector<std::unique_ptr<QTcpSocket>> halfSent;
         std::vector<std::unique_ptr<QTcpSocket>> silent;
         for (int i = 0; i < 50; ++i) {
@@ -358,6 +366,9 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(allClosed(halfSent) && allClosed(silent), 15'000);
         QVERIFY2(firstAnswer.startsWith("HTTP/1.1 408"), firstAnswer.left(80).constData());
         QCOMPARE(m_http.get(m_quick.apiUrl(u"/health"_s)).status, 200);
+        // Every one of those descriptors is given back (the health request's own
+        // connection may still be open).
+        QTRY_VERIFY_WITH_TIMEOUT(openFiles() <= filesBefore + 1, 5'000);
 
         // Keep-alive works, then ends once the connection sits idle.
         const auto kept = connectTo(m_quick.apiPort());
