@@ -19,6 +19,12 @@ namespace {
 
 // Request bodies are small JSON documents; anything larger is a mistake or an attack.
 constexpr qsizetype maxBodyBytes = 1024 * 1024;
+// A dictation of half an hour is about 30,000 characters; a dictionary is a list of
+// names and jargon. Larger requests get 413 and a body without "text", on which the
+// client keeps the raw transcript.
+constexpr qsizetype maxTextChars = 64 * 1024;
+constexpr qsizetype maxDictionaryTerms = 2000;
+constexpr qsizetype maxTermChars = 100;
 
 QJsonObject errorBody(const QString& code, const QString& message)
 {
@@ -73,9 +79,39 @@ ApiServer::~ApiServer()
     qDeleteAll(findChildren<StreamSession*>(Qt::FindDirectChildrenOnly));
 }
 
+void ApiServer::setBrowserOrigins(const QStringList& origins)
+{
+    m_browserOrigins.clear();
+    for (const QString& origin : origins)
+        m_browserOrigins << origin.toLower();
+}
+
 quint16 ApiServer::listen(const QHostAddress& address, quint16 port)
 {
-    return m_http.listen(address, port);
+    // QHttpServer's own listener would buffer whole requests before any check; the gate
+    // looks at each request's head and body as they arrive.
+    auto gate = std::make_unique<HttpGate>(m_httpSettings);
+    gate->setCheck([this](const HttpRequestHead& head) { return checkHead(head); });
+    if (!gate->listen(address, port))
+        return 0;
+    const quint16 bound = gate->serverPort();
+    m_http.bind(gate.release()); // QHttpServer takes it as a child
+    return bound;
+}
+
+std::optional<HttpRefusal> ApiServer::checkHead(const HttpRequestHead& head) const
+{
+    if (head.path() != "/ws/transcribe")
+        return std::nullopt;
+    if (!head.upgradeToWebSocket)
+        return HttpRefusal { 426, u"UPGRADE_REQUIRED"_s, u"This address speaks WebSocket only."_s,
+            { { "Upgrade", "websocket" } } };
+    // A web page the user happens to visit could otherwise open streams through their
+    // browser; our own site is the only page with business here.
+    const QString origin = QString::fromLatin1(head.value("origin")).toLower();
+    if (!origin.isEmpty() && !m_browserOrigins.contains(origin))
+        return HttpRefusal { 403, u"FORBIDDEN_ORIGIN"_s, u"Streams are not open to other web sites."_s, {} };
+    return std::nullopt;
 }
 
 void ApiServer::addRoutes()
@@ -182,6 +218,14 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
     }
     TextRequest textRequest;
     textRequest.text = body->value(u"text"_s).toString();
+    if (textRequest.text.size() > maxTextChars) {
+        Log::line(Log::Kind::Failure,
+            u"%1 refused: %2 characters of text"_s.arg(QLatin1StringView(what)).arg(textRequest.text.size()));
+        reply(responder, Status::PayloadTooLarge,
+            errorBody(u"TEXT_TOO_LONG"_s,
+                u"The text is longer than %1 characters; it is left as dictated."_s.arg(maxTextChars)));
+        return;
+    }
     const QJsonValue dictionary = body->value(u"dictionary"_s);
     if (!dictionary.isUndefined() && !dictionary.isNull()) {
         if (!dictionary.isArray()) {
@@ -189,7 +233,23 @@ void ApiServer::text(const QHttpServerRequest& request, QHttpServerResponder&& r
                 errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
             return;
         }
-        for (const QJsonValue& term : dictionary.toArray()) {
+        const QJsonArray terms = dictionary.toArray();
+        if (terms.size() > maxDictionaryTerms) {
+            Log::line(Log::Kind::Failure,
+                u"%1 refused: %2 dictionary terms"_s.arg(QLatin1StringView(what)).arg(terms.size()));
+            reply(responder, Status::PayloadTooLarge,
+                errorBody(u"DICTIONARY_TOO_LARGE"_s,
+                    u"The dictionary has more than %1 terms; the text is left as dictated."_s.arg(maxDictionaryTerms)));
+            return;
+        }
+        for (const QJsonValue& term : terms) {
+            if (term.isString() && term.toString().size() > maxTermChars) {
+                reply(responder, Status::PayloadTooLarge,
+                    errorBody(u"DICTIONARY_TOO_LARGE"_s,
+                        u"A dictionary term is longer than %1 characters; the text is left as dictated."_s.arg(
+                            maxTermChars)));
+                return;
+            }
             if (!term.isString()) {
                 reply(responder, Status::BadRequest,
                     errorBody(u"BAD_REQUEST"_s, u"\"dictionary\" must be an array of strings."_s));
@@ -239,9 +299,22 @@ void ApiServer::acceptWebSockets()
         ++m_connections;
         connect(session, &StreamSession::closed, this, [this, session] {
             --m_connections;
+            m_unauthenticated.removeAll(session);
             session->deleteLater();
         });
-        if (m_connections > m_maxConnections)
+        connect(session, &StreamSession::signedIn, this, [this, session] { m_unauthenticated.removeAll(session); });
+        if (m_connections > m_maxConnections) {
             session->refuseBusy();
+            continue;
+        }
+        // Strangers that never sign in must not crowd out the client: they have their own
+        // few slots, and when those are full the one waiting longest makes room. A real
+        // client signs in within milliseconds of connecting.
+        m_unauthenticated.append(session);
+        while (m_unauthenticated.size() > m_maxUnauthenticated) {
+            const QPointer<StreamSession> oldest = m_unauthenticated.takeFirst();
+            if (oldest)
+                oldest->refuseBusy();
+        }
     }
 }

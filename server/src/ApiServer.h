@@ -1,10 +1,12 @@
 #pragma once
 
+#include "HttpGate.h"
 #include "StreamSession.h"
 
 #include <QHostAddress>
 #include <QHttpServer>
 #include <QObject>
+#include <QPointer>
 
 class AuthService;
 class SpeechEngine;
@@ -20,12 +22,21 @@ public:
         QObject* parent = nullptr);
     ~ApiServer() override;
 
+    // Limits and timers of the HTTP connections; set before listen().
+    void setHttpSettings(const HttpGateSettings& settings) { m_httpSettings = settings; }
+    // Streams that have not signed in yet share this many slots, apart from signed-in ones.
+    void setUnauthenticatedLimit(int limit) { m_maxUnauthenticated = limit; }
+    // Browser origins (e.g. "http://127.0.0.1:3000") allowed to open a stream; a request
+    // without an Origin header (a native client) is always allowed.
+    void setBrowserOrigins(const QStringList& origins);
+
     // Returns the port bound (useful with port 0), or 0 on failure.
     quint16 listen(const QHostAddress& address, quint16 port);
 
 private:
     void addRoutes();
     void acceptWebSockets();
+    std::optional<HttpRefusal> checkHead(const HttpRequestHead& head) const;
     QHttpServerResponse health() const;
     QHttpServerResponse refresh(const QHttpServerRequest& request);
     void text(const QHttpServerRequest& request, QHttpServerResponder&& responder, bool rewrite);
@@ -37,6 +48,10 @@ private:
     int m_maxConnections;
     StreamCounter m_counter;
     int m_connections = 0;
+    HttpGateSettings m_httpSettings;
+    int m_maxUnauthenticated = 32;
+    QList<QPointer<StreamSession>> m_unauthenticated; // oldest first
+    QStringList m_browserOrigins;
     quint64 m_nextStreamId = 1;
     QHttpServer m_http;
 };

@@ -51,4 +51,27 @@ void line(Kind kind, const QString& message)
     std::fflush(stdout);
 }
 
+Throttle::Throttle(int burst, int periodMs)
+    : m_burst(burst)
+    , m_periodMs(periodMs)
+{ }
+
+void Throttle::line(Kind kind, const QString& message)
+{
+    if (!m_period.isValid() || m_period.elapsed() >= m_periodMs) {
+        m_period.start();
+        m_inPeriod = 0;
+    }
+    if (++m_inPeriod > m_burst) {
+        ++m_suppressed;
+        return;
+    }
+    if (m_suppressed > 0) {
+        Log::line(kind, message + QStringLiteral(" (%1 similar lines left out)").arg(m_suppressed));
+        m_suppressed = 0;
+        return;
+    }
+    Log::line(kind, message);
+}
+
 } // namespace Log

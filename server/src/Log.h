@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QString>
 
 // One line on standard output per event: a symbol, the program tag and the message.
@@ -20,5 +21,22 @@ enum class Kind {
 };
 
 void line(Kind kind, const QString& message);
+
+// For lines that strangers can cause at will (refused connections, streams that never
+// sign in): lets `burst` lines through per `periodMs` and counts the rest, which the next
+// line let through mentions. One thread only.
+class Throttle
+{
+public:
+    Throttle(int burst, int periodMs);
+    void line(Kind kind, const QString& message);
+
+private:
+    int m_burst;
+    int m_periodMs;
+    int m_inPeriod = 0;
+    qint64 m_suppressed = 0;
+    QElapsedTimer m_period;
+};
 
 } // namespace Log

@@ -98,6 +98,16 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"max-streams"_s, u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
     const QCommandLineOption maxConnections(
         u"max-connections"_s, u"Open WebSocket connections, signed in or not (default 64)."_s, u"n"_s);
+    const QCommandLineOption maxUnauthenticated(u"max-unauthenticated"_s,
+        u"WebSocket connections that have not signed in yet, apart from signed-in ones; when full, the oldest "
+        "is closed (default 32)."_s,
+        u"n"_s);
+    const QCommandLineOption headerTimeout(u"header-timeout"_s,
+        u"Seconds a client has to send a request's head from its first byte, and the longest pause within "
+        "its body (default 10)."_s,
+        u"seconds"_s);
+    const QCommandLineOption keepAliveTimeout(u"keep-alive-timeout"_s,
+        u"Seconds an HTTP connection may stay open with nothing to do (default 30)."_s, u"seconds"_s);
     const QCommandLineOption maxSeconds(
         u"max-stream-seconds"_s, u"Longest dictation in seconds of audio (default 300)."_s, u"seconds"_s);
     const QCommandLineOption authTimeout(
@@ -120,7 +130,8 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption chatRewriteTimeout(u"chat-rewrite-timeout"_s,
         u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s, u"ms"_s);
     parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, databaseUrl, databasePasswordFile,
-        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections, maxSeconds,
+        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections, maxUnauthenticated,
+        headerTimeout, keepAliveTimeout, maxSeconds,
         authTimeout, idleTimeout, accessLifetime, refreshLifetime, text, chatUrl, chatModel, chatKeyFile,
         chatCleanupTimeout, chatRewriteTimeout });
 
@@ -211,6 +222,18 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     if (!readInt(parser, maxConnections, 1, 100000, &value, &error))
         return fail(error);
     o.maxConnections = int(value);
+    value = o.maxUnauthenticated;
+    if (!readInt(parser, maxUnauthenticated, 1, 100000, &value, &error))
+        return fail(error);
+    o.maxUnauthenticated = int(value);
+    value = o.http.headerTimeoutMs / 1000;
+    if (!readInt(parser, headerTimeout, 1, 3600, &value, &error))
+        return fail(error);
+    o.http.headerTimeoutMs = int(value * 1000);
+    value = o.http.keepAliveTimeoutMs / 1000;
+    if (!readInt(parser, keepAliveTimeout, 1, 3600, &value, &error))
+        return fail(error);
+    o.http.keepAliveTimeoutMs = int(value * 1000);
     if (!readInt(parser, maxSeconds, 1, 24 * 3600, &o.limits.maxStreamSeconds, &error))
         return fail(error);
     value = o.limits.authTimeoutMs / 1000;

@@ -2,6 +2,7 @@
 
 #include "ChatTextEngine.h"
 #include "DatabaseUrl.h"
+#include "HttpGate.h"
 #include "PocketSphinxEngine.h"
 #include "StreamSession.h"
 
@@ -26,6 +27,8 @@ struct ServerOptions {
     int preloadDecoders = 1;
     StreamLimits limits;
     int maxConnections = 64;
+    int maxUnauthenticated = 32;
+    HttpGateSettings http;
     qint64 accessTokenSeconds = 15 * 60;
     qint64 refreshTokenDays = 30;
     QString textEngine = QStringLiteral("rules");

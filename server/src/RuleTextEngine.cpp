@@ -2,8 +2,12 @@
 
 #include <QHash>
 #include <QObject>
+#include <QPointer>
 #include <QSet>
+#include <QThread>
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 using namespace Qt::Literals::StringLiterals;
@@ -77,9 +81,12 @@ QString key(const QString& word)
     return k;
 }
 
-bool endsSentence(const QString& trail)
+bool endsSentence(QStringView trail)
 {
-    for (QChar c : trail) {
+    // From the back: sentence ends that rules add land at the end of a trail, so a long
+    // run of punctuation is not scanned again for every word removed after it.
+    for (qsizetype i = trail.size() - 1; i >= 0; --i) {
+        const QChar c = trail.at(i);
         if (c == u'.' || c == u'!' || c == u'?' || c == QChar(0x2026))
             return true;
     }
@@ -100,11 +107,8 @@ QString withFirstUpper(QString s)
 
 // Takes a removed piece's trailing punctuation into account: a sentence end moves to the
 // word before, a comma that would now double up with the one before disappears.
-void absorbTrail(
-    Chunks& chunks, qsizetype before, const QString& removedTrail, const QString& removedLead, qsizetype after)
+void absorbTrail(Chunks& chunks, qsizetype before, const QString& removedTrail)
 {
-    if (!removedLead.isEmpty() && after < qsizetype(chunks.size()))
-        chunks[after].lead.prepend(removedLead);
     if (before < 0)
         return;
     Chunk& prev = chunks[before];
@@ -124,11 +128,16 @@ void absorbTrail(
 // empty replacement removes the run. Interior words must carry no punctuation, so a rule
 // never joins words across a comma or a sentence end.
 struct PhraseRule {
-    QStringList from;
     QStringList to;
+    qsizetype length = 0; // words in `from`
     bool exactCase = false; // dictionary terms keep their spelling even at a sentence start
 };
 
+// Rules sit in a tree of words, so finding the longest rule that starts at a word costs
+// at most the length of that rule, however many rules share their first words (a
+// dictionary of thousands of terms stays as fast as one of three). The longest match
+// wins, so "kind of" beats "kind"; of two rules with the same words the first one added
+// wins.
 class PhraseTable
 {
 public:
@@ -146,55 +155,63 @@ public:
     {
         if (from.isEmpty())
             return;
-        QStringList lowered;
-        for (const QString& word : from)
-            lowered << key(word);
-        auto& bucket = m_byFirstWord[lowered.first()];
-        bucket.push_back(PhraseRule { lowered, to, exactCase });
-        // Longest rule first, so "kind of" wins over "kind".
-        std::stable_sort(bucket.begin(), bucket.end(),
-            [](const PhraseRule& a, const PhraseRule& b) { return a.from.size() > b.from.size(); });
+        qsizetype node = 0;
+        for (const QString& word : from) {
+            const QString k = key(word);
+            const auto it = m_nodes[size_t(node)].next.constFind(k);
+            if (it != m_nodes[size_t(node)].next.cend()) {
+                node = *it;
+                continue;
+            }
+            const qsizetype child = qsizetype(m_nodes.size());
+            m_nodes[size_t(node)].next.insert(k, child);
+            m_nodes.emplace_back();
+            node = child;
+        }
+        if (m_nodes[size_t(node)].rule < 0) {
+            m_nodes[size_t(node)].rule = qsizetype(m_rules.size());
+            m_rules.push_back(PhraseRule { to, from.size(), exactCase });
+        }
     }
 
-    bool isEmpty() const { return m_byFirstWord.isEmpty(); }
+    bool isEmpty() const { return m_rules.empty(); }
 
     void apply(Chunks& chunks) const
     {
-        if (m_byFirstWord.isEmpty())
+        if (m_rules.empty())
             return;
+        const qsizetype n = qsizetype(chunks.size());
+        std::vector<QString> keys;
+        keys.reserve(size_t(n));
+        for (const Chunk& chunk : chunks)
+            keys.push_back(key(chunk.core));
+
         Chunks out;
         out.reserve(chunks.size());
+        // Leading punctuation of removed runs ("(maybe" without "maybe") moves on to the
+        // next word that stays; it is collected here and attached once, so a long run of
+        // removals costs no more than its length.
+        QString carriedLead;
         qsizetype i = 0;
-        const qsizetype n = qsizetype(chunks.size());
         while (i < n) {
             const bool sentenceStart = out.empty() || endsSentence(out.back().trail);
-            const auto it = (m_sentenceStartOnly && !sentenceStart) ? m_byFirstWord.cend()
-                                                                    : m_byFirstWord.constFind(key(chunks[i].core));
-            const PhraseRule* match = nullptr;
-            if (it != m_byFirstWord.cend()) {
-                for (const PhraseRule& rule : *it) {
-                    if (matches(chunks, i, rule)) {
-                        match = &rule;
-                        break;
-                    }
-                }
-            }
+            const PhraseRule* match = (m_sentenceStartOnly && !sentenceStart) ? nullptr : longestMatch(chunks, keys, i);
             if (!match) {
-                out.push_back(std::move(chunks[i]));
+                Chunk chunk = std::move(chunks[size_t(i)]);
+                if (!carriedLead.isEmpty())
+                    chunk.lead.prepend(std::exchange(carriedLead, QString()));
+                out.push_back(std::move(chunk));
                 ++i;
                 continue;
             }
-            const qsizetype len = match->from.size();
-            const Chunk& first = chunks[i];
-            const Chunk& last = chunks[i + len - 1];
+            const qsizetype len = match->length;
+            Chunk& first = chunks[size_t(i)];
+            const Chunk& last = chunks[size_t(i + len - 1)];
             if (match->to.isEmpty()) {
-                const QString lead = first.lead;
-                const QString trail = last.trail;
+                carriedLead += first.lead;
+                first.lead.clear();
+                absorbTrail(out, qsizetype(out.size()) - 1, last.trail);
                 i += len;
-                // The next word is pushed later; carry the lead on it through a placeholder.
-                if (!lead.isEmpty() && i < n)
-                    chunks[i].lead.prepend(lead);
-                absorbTrail(out, qsizetype(out.size()) - 1, trail, QString(), 0);
                 continue;
             }
             const bool capital = startsUpper(first.core);
@@ -202,7 +219,7 @@ public:
                 Chunk chunk;
                 chunk.core = match->to.at(w);
                 if (w == 0) {
-                    chunk.lead = first.lead;
+                    chunk.lead = std::exchange(carriedLead, QString()) + first.lead;
                     if (capital && !match->exactCase)
                         chunk.core = withFirstUpper(chunk.core);
                 }
@@ -216,24 +233,33 @@ public:
     }
 
 private:
-    static bool matches(const Chunks& chunks, qsizetype at, const PhraseRule& rule)
+    struct Node {
+        QHash<QString, qsizetype> next;
+        qsizetype rule = -1;
+    };
+
+    const PhraseRule* longestMatch(const Chunks& chunks, const std::vector<QString>& keys, qsizetype at) const
     {
-        const qsizetype len = rule.from.size();
-        if (at + len > qsizetype(chunks.size()))
-            return false;
-        for (qsizetype w = 0; w < len; ++w) {
-            const Chunk& chunk = chunks[at + w];
-            if (w > 0 && !chunk.lead.isEmpty())
-                return false;
-            if (w < len - 1 && !chunk.trail.isEmpty())
-                return false;
-            if (key(chunk.core) != rule.from.at(w))
-                return false;
+        const PhraseRule* best = nullptr;
+        qsizetype node = 0;
+        for (qsizetype w = 0; at + w < qsizetype(chunks.size()); ++w) {
+            const Chunk& chunk = chunks[size_t(at + w)];
+            // A phrase never spans punctuation: later words carry no lead, and only the
+            // last word of a match may carry a trail.
+            if (w > 0 && (!chunk.lead.isEmpty() || !chunks[size_t(at + w - 1)].trail.isEmpty()))
+                break;
+            const auto it = m_nodes[size_t(node)].next.constFind(keys[size_t(at + w)]);
+            if (it == m_nodes[size_t(node)].next.cend())
+                break;
+            node = *it;
+            if (m_nodes[size_t(node)].rule >= 0)
+                best = &m_rules[size_t(m_nodes[size_t(node)].rule)];
         }
-        return true;
+        return best;
     }
 
-    QHash<QString, std::vector<PhraseRule>> m_byFirstWord;
+    std::vector<Node> m_nodes { Node {} };
+    std::vector<PhraseRule> m_rules;
     bool m_sentenceStartOnly = false;
 };
 
@@ -250,14 +276,17 @@ void removeFillers(Chunks& chunks)
 {
     Chunks out;
     out.reserve(chunks.size());
-    for (qsizetype i = 0; i < qsizetype(chunks.size()); ++i) {
-        Chunk& chunk = chunks[i];
+    // As in PhraseTable::apply: a removed filler's leading punctuation goes to the next
+    // word that stays, collected once rather than copied along every removed word.
+    QString carriedLead;
+    for (Chunk& chunk : chunks) {
         if (fillers().contains(key(chunk.core))) {
-            if (!chunk.lead.isEmpty() && i + 1 < qsizetype(chunks.size()))
-                chunks[i + 1].lead.prepend(chunk.lead);
-            absorbTrail(out, qsizetype(out.size()) - 1, chunk.trail, QString(), 0);
+            carriedLead += chunk.lead;
+            absorbTrail(out, qsizetype(out.size()) - 1, chunk.trail);
             continue;
         }
+        if (!carriedLead.isEmpty())
+            chunk.lead.prepend(std::exchange(carriedLead, QString()));
         out.push_back(std::move(chunk));
     }
     chunks = std::move(out);
@@ -349,8 +378,14 @@ void applyDictionaryPunctuated(Chunks& chunks, const QStringList& dictionary)
     }
     if (punctuated.isEmpty())
         return;
+    qsizetype longest = 0;
+    for (const QString& k : punctuated.keys())
+        longest = std::max(longest, k.size());
     for (Chunk& chunk : chunks) {
-        for (qsizetype cut = chunk.trail.size(); cut > 0; --cut) {
+        // Only as much of the trail as the longest term can cover: "a" followed by
+        // thousands of dots is compared a few times, not once per dot.
+        const qsizetype most = std::min(chunk.trail.size(), longest - chunk.core.size());
+        for (qsizetype cut = most; cut > 0; --cut) {
             const auto it = punctuated.constFind(key(chunk.core + chunk.trail.first(cut)));
             if (it != punctuated.cend()) {
                 chunk.core = *it;
@@ -570,7 +605,7 @@ void dropPauseLike(Chunks& chunks)
     for (qsizetype i = 0; i < qsizetype(chunks.size()); ++i) {
         Chunk& chunk = chunks[i];
         if (key(chunk.core) == u"like"_s && chunk.trail == u","_s && chunk.lead.isEmpty()) {
-            absorbTrail(out, qsizetype(out.size()) - 1, chunk.trail, QString(), 0);
+            absorbTrail(out, qsizetype(out.size()) - 1, chunk.trail);
             continue;
         }
         out.push_back(std::move(chunk));
@@ -650,11 +685,34 @@ QString RuleTextEngine::name() const
     return u"rules"_s;
 }
 
+RuleTextEngine::RuleTextEngine()
+{
+    m_pool.setObjectName(u"rule text engine"_s);
+    m_pool.setMaxThreadCount(std::max(1, std::min(2, QThread::idealThreadCount())));
+}
+
+RuleTextEngine::~RuleTextEngine()
+{
+    m_pool.waitForDone();
+}
+
 void RuleTextEngine::process(const TextRequest& request, QObject* context, std::function<void(QString)> done)
 {
-    Q_UNUSED(context);
-    done(request.tone ? rewrite(request.text, *request.tone, request.dictionary)
-                      : cleanup(request.text, request.dictionary));
+    // `context` may be deleted while the text is worked on; only its own thread may look
+    // at it, so the answer goes through m_home and the check happens there.
+    QPointer<QObject> requester(context);
+    QObject* home = &m_home;
+    m_pool.start([request, requester, home, done = std::move(done)]() mutable {
+        QString result = request.tone ? rewrite(request.text, *request.tone, request.dictionary)
+                                      : cleanup(request.text, request.dictionary);
+        QMetaObject::invokeMethod(
+            home,
+            [requester, done = std::move(done), result = std::move(result)] {
+                if (requester)
+                    done(result);
+            },
+            Qt::QueuedConnection);
+    });
 }
 
 QString RuleTextEngine::cleanup(const QString& text, const QStringList& dictionary)

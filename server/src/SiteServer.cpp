@@ -90,7 +90,13 @@ SiteServer::SiteServer(AuthService& auth, QString accountName, const QHostAddres
 
 quint16 SiteServer::listen(const QHostAddress& address, quint16 port)
 {
-    return m_http.listen(address, port);
+    // Like the API, behind a gate that refuses oversized and slow requests as they arrive.
+    auto gate = std::make_unique<HttpGate>(m_httpSettings);
+    if (!gate->listen(address, port))
+        return 0;
+    const quint16 bound = gate->serverPort();
+    m_http.bind(gate.release());
+    return bound;
 }
 
 QString SiteServer::deepLink(const QString& accessToken, const QString& refreshToken)

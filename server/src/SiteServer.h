@@ -1,5 +1,7 @@
 #pragma once
 
+#include "HttpGate.h"
+
 #include <QHostAddress>
 #include <QHttpServer>
 #include <QObject>
@@ -15,6 +17,8 @@ class SiteServer final : public QObject
 public:
     SiteServer(AuthService& auth, QString accountName, const QHostAddress& bindAddress, QObject* parent = nullptr);
 
+    // Limits and timers of the HTTP connections; set before listen().
+    void setHttpSettings(const HttpGateSettings& settings) { m_httpSettings = settings; }
     quint16 listen(const QHostAddress& address, quint16 port);
 
     static QString deepLink(const QString& accessToken, const QString& refreshToken);
@@ -30,5 +34,6 @@ private:
     AuthService& m_auth;
     QString m_accountName;
     QStringList m_allowedHosts;
+    HttpGateSettings m_httpSettings;
     QHttpServer m_http;
 };

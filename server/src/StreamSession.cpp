@@ -14,6 +14,14 @@ constexpr qint64 sampleRate = 16000;
 constexpr qint64 hardCapFactor = 4;
 constexpr int closeGuardMs = 5000;
 
+// Streams that never sign in can be opened by anyone as fast as they like; their lines
+// must not flood the log. Signed-in streams always log.
+Log::Throttle& strangerLog()
+{
+    static Log::Throttle throttle(30, 10'000);
+    return throttle;
+}
+
 QString durationText(qint64 seconds)
 {
     if (seconds % 60 == 0)
@@ -65,7 +73,7 @@ StreamSession::StreamSession(quint64 id, std::unique_ptr<QWebSocket> socket, Aut
         m_socket->abort();
     });
 
-    Log::line(Log::Kind::Connection, u"stream %1 opened from %2"_s.arg(m_id).arg(m_peer));
+    strangerLog().line(Log::Kind::Connection, u"stream %1 opened from %2"_s.arg(m_id).arg(m_peer));
 }
 
 StreamSession::~StreamSession()
@@ -175,11 +183,11 @@ void StreamSession::handleAuth(const QString& token)
     m_state = State::Streaming;
     m_idleTimer.start();
     Log::line(Log::Kind::Key, u"stream %1 signed in as %2"_s.arg(m_id).arg(m_subject));
+    Q_EMIT signedIn();
 }
 
 void StreamSession::handleAudio(const QByteArray& base64)
 {
-    m_idleTimer.start();
     QByteArray pcm;
     if (!StreamProtocol::decodeAudio(base64, &pcm)) {
         fail(Error::InvalidAudio, u"The server could not decode the audio. Try again."_s,
@@ -192,8 +200,10 @@ void StreamSession::handleAudio(const QByteArray& base64)
             u"Dictations are limited to %1. Release the key sooner."_s.arg(durationText(m_limits.maxStreamSeconds)));
         return;
     }
-    if (!pcm.isEmpty())
-        m_speech->feed(std::move(pcm));
+    if (pcm.isEmpty())
+        return; // keeps nothing alive: only real audio resets the idle timer
+    m_idleTimer.start();
+    m_speech->feed(std::move(pcm));
 }
 
 void StreamSession::handleStop()
@@ -243,10 +253,13 @@ void StreamSession::fail(Error error, const QString& message, const QString& det
 {
     if (m_state == State::Closing)
         return;
-    Log::line(Log::Kind::Failure,
-        u"stream %1 error %2%3"_s.arg(m_id)
-            .arg(StreamProtocol::code(error))
-            .arg(detail.isEmpty() ? QString() : u" ("_s + detail + u')'));
+    const QString line = u"stream %1 error %2%3"_s.arg(m_id)
+                             .arg(StreamProtocol::code(error))
+                             .arg(detail.isEmpty() ? QString() : u" ("_s + detail + u')');
+    if (m_subject.isEmpty())
+        strangerLog().line(Log::Kind::Failure, line);
+    else
+        Log::line(Log::Kind::Failure, line);
     releaseEngine();
     m_socket->sendTextMessage(QString::fromUtf8(StreamProtocol::errorMessage(error, message)));
     // 1013 ("try again later") would suit SERVER_BUSY, but Qt's own peers reject codes
@@ -287,10 +300,12 @@ void StreamSession::onDisconnected()
     m_closeGuard.stop();
     m_authTimer.stop();
     m_idleTimer.stop();
-    if (m_state != State::Closing)
-        Log::line(Log::Kind::Connection, u"stream %1 dropped by the client"_s.arg(m_id));
+    const QString line
+        = m_state != State::Closing ? u"stream %1 dropped by the client"_s.arg(m_id) : u"stream %1 closed"_s.arg(m_id);
+    if (m_subject.isEmpty())
+        strangerLog().line(Log::Kind::Connection, line);
     else
-        Log::line(Log::Kind::Connection, u"stream %1 closed"_s.arg(m_id));
+        Log::line(Log::Kind::Connection, line);
     m_state = State::Closing;
     releaseEngine();
     Q_EMIT closed();

@@ -60,6 +60,8 @@ public:
 Q_SIGNALS:
     // The socket is gone; the owner may delete the session.
     void closed();
+    // The stream's token was accepted and it holds a decoding slot.
+    void signedIn();
 
 private:
     enum class State { AwaitingAuth, Streaming, Finishing, Closing };

@@ -139,12 +139,15 @@ int main(int argc, char* argv[])
     }
 
     ApiServer api(auth, speech, *text, options.limits, options.maxConnections);
+    api.setHttpSettings(options.http);
+    api.setUnauthenticatedLimit(options.maxUnauthenticated);
     const quint16 apiPort = api.listen(options.bindAddress, options.apiPort);
     if (apiPort == 0)
         return failStart(
             u"cannot listen on %1:%2 for the API (is another server running?)"_s.arg(options.bindAddress.toString())
                 .arg(options.apiPort));
     SiteServer site(auth, options.accountName, options.bindAddress);
+    site.setHttpSettings(options.http);
     const quint16 sitePort = site.listen(options.bindAddress, options.sitePort);
     if (sitePort == 0)
         return failStart(u"cannot listen on %1:%2 for the web site (is another server running?)"_s
@@ -154,6 +157,11 @@ int main(int argc, char* argv[])
     const QString host = options.bindAddress.protocol() == QAbstractSocket::IPv6Protocol
         ? u'[' + options.bindAddress.toString() + u']'
         : options.bindAddress.toString();
+    // Our own pages are the only web pages that may open a stream.
+    QStringList origins;
+    for (const QString& name : { u"127.0.0.1"_s, u"localhost"_s, u"[::1]"_s, host })
+        origins << u"http://%1:%2"_s.arg(name).arg(sitePort);
+    api.setBrowserOrigins(origins);
     Log::line(Log::Kind::Success, u"API listening on http://%1:%2"_s.arg(host).arg(apiPort));
     Log::line(Log::Kind::Success, u"web site listening on http://%1:%2"_s.arg(host).arg(sitePort));
     return app.exec();
