@@ -130,10 +130,9 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption chatRewriteTimeout(u"chat-rewrite-timeout"_s,
         u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s, u"ms"_s);
     parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, databaseUrl, databasePasswordFile,
-        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections, maxUnauthenticated,
-        headerTimeout, keepAliveTimeout, maxSeconds,
-        authTimeout, idleTimeout, accessLifetime, refreshLifetime, text, chatUrl, chatModel, chatKeyFile,
-        chatCleanupTimeout, chatRewriteTimeout });
+        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections,
+        maxUnauthenticated, headerTimeout, keepAliveTimeout, maxSeconds, authTimeout, idleTimeout, accessLifetime,
+        refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout, chatRewriteTimeout });
 
     auto fail = [&result](const QString& message) {
         result.action = ParsedOptions::Action::Fail;

@@ -38,6 +38,8 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
     // Standard output is unbuffered and the program keeps no window of its own: main() did both.
     registerUrlScheme();
     connect(instance, &SingleInstance::linkReceived, this, &AppDelegate::handleDeepLink);
+    // Started again from a launcher: the user wants to see Quillet, and it has no other window.
+    connect(instance, &SingleInstance::activated, this, &AppDelegate::showSettings);
     KeychainHelper::migrateIfNeeded();
 
     m_menuBarController = std::make_unique<MenuBarController>(this, this);

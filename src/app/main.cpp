@@ -100,7 +100,7 @@ int main(int argc, char* argv[])
 
     if (SingleInstance::handOver(links, 500)) {
         if (links.isEmpty())
-            std::puts("Quillet is already running: its microphone is in the panel's tray.");
+            std::puts("Quillet is already running: its settings window is open, its menu is in the panel's tray.");
         return 0;
     }
 

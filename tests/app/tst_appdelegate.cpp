@@ -209,6 +209,21 @@ private Q_SLOTS:
         QCOMPARE(KeychainHelper::load(KeychainHelper::refreshTokenKey), std::optional<QString>(u"R2"_s));
     }
 
+    void startingAgainWithoutALinkOpensTheSettings()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        QVERIFY(instance.listen());
+        auto delegate = launched(instance);
+        bool handedOver = false;
+        std::thread later([&] { handedOver = SingleInstance::handOver({}); });
+        QTRY_VERIFY(delegate->settingsWindow());
+        later.join();
+        QVERIFY(handedOver);
+        QTRY_COMPARE(visibleWindowsTitled(u"Quillet Settings"_s), 1);
+        delegate->settingsWindow()->close();
+    }
+
     void aPressWhileTheLastDictationFinishesStartsNothing()
     {
         QSettings().setValue(OnboardingState::completeKey, true);
