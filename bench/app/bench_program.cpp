@@ -113,6 +113,9 @@ int main(int argc, char* argv[])
     }
 
     QList<double> releaseToText;
+    QList<double> releaseToEndedLine;
+    QList<double> releaseToTranscriptEnd;
+    QList<double> releaseToInsertion;
     QList<double> downToCapture;
     QList<qint64> rssAfter;
     int missed = 0;
@@ -133,6 +136,7 @@ int main(int argc, char* argv[])
         xdotool({ u"keyup"_s, u"Menu"_s });
         QElapsedTimer sinceRelease;
         sinceRelease.start();
+        const qint64 released = program.clock().elapsed();
         // Read the entry back as often as the window answers.
         bool landed = false;
         while (sinceRelease.elapsed() < 10000) {
@@ -148,12 +152,29 @@ int main(int argc, char* argv[])
         }
         releaseToText << double(sinceRelease.nsecsElapsed()) / 1e6;
         rssAfter << residentKiB(pid);
+        // Where the time went, from the moments the program's own lines reached us.
+        const auto after = [&](const QString& prefix) -> std::optional<double> {
+            const std::optional<qsizetype> at = program.waitForLine(prefix, from, 2000);
+            if (!at)
+                return std::nullopt;
+            return double(program.lines().at(*at).atMs - released);
+        };
+        if (const auto t = after(u"🛑 [Quillet] hotkeyEnded"_s))
+            releaseToEndedLine << *t;
+        if (const auto t = after(u"🏁 [Quillet] transcriptionDidEnd"_s))
+            releaseToTranscriptEnd << *t;
+        if (const auto t = after(u"✏️ [Quillet] TextInserter.insert"_s))
+            releaseToInsertion << *t;
     }
 
     std::printf(
         "quillet, the whole program (%d dictations of a %s clip, %d missed)\n", dictations, "3 s LibriVox", missed);
     std::printf("  key release -> text in a GTK entry:   p50 %7.1f ms   p95 %7.1f ms   (target p50 <= 150 ms)\n",
         percentile(releaseToText, 0.5), percentile(releaseToText, 0.95));
+    std::printf("    of which, p50 from release: \"hotkeyEnded\" %.1f ms, end of transcript %.1f ms, insertion starts "
+                "%.1f ms\n",
+        percentile(releaseToEndedLine, 0.5), percentile(releaseToTranscriptEnd, 0.5),
+        percentile(releaseToInsertion, 0.5));
     std::printf("  key down -> \"audio capture started\": p50 %7.1f ms   p95 %7.1f ms   (target p50 <= 150 ms)\n",
         percentile(downToCapture, 0.5), percentile(downToCapture, 0.95));
     const long ticksPerSecond = sysconf(_SC_CLK_TCK);
@@ -170,6 +191,11 @@ int main(int argc, char* argv[])
                     "%.1f KiB per dictation\n",
             static_cast<long long>(rssAfter.first()), static_cast<long long>(rssAfter.size()),
             static_cast<long long>(rssAfter.last()), growth);
+    }
+    // The backend's own account of each stream: how long after "stop" it closed.
+    for (const QByteArray& line : server.output().split('\n')) {
+        if (line.contains("finished:"))
+            std::printf("  quillet-server: %s\n", line.constData());
     }
     return 0;
 }
