@@ -12,6 +12,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -71,10 +72,12 @@ int main(int argc, char* argv[])
     QCoreApplication app(argc, argv);
     const int dictations = argc > 1 ? std::max(1, atoi(argv[1])) : 20;
     const int idleSeconds = argc > 2 ? std::max(1, atoi(argv[2])) : 60;
+    // Any recording sox can read; the default is a 3 s LibriVox sentence.
+    const QString recording = argc > 3 ? QString::fromLocal8Bit(argv[3]) : clip;
 
     QTemporaryDir dir;
     const QString speech = dir.filePath(u"speech.wav"_s);
-    if (Desktop::run(u"sox"_s, { clip, u"-r"_s, u"48000"_s, u"-c"_s, u"2"_s, speech }) != 0) {
+    if (Desktop::run(u"sox"_s, { recording, u"-r"_s, u"48000"_s, u"-c"_s, u"2"_s, speech }) != 0) {
         std::fprintf(stderr, "sox could not make the 48 kHz clip\n");
         return 1;
     }
