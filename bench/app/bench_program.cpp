@@ -170,8 +170,8 @@ int main(int argc, char* argv[])
             releaseToInsertion << *t;
     }
 
-    std::printf(
-        "quillet, the whole program (%d dictations of a %s clip, %d missed)\n", dictations, "3 s LibriVox", missed);
+    std::printf("quillet, the whole program (%d dictations of %s, %d missed)\n", dictations,
+        qPrintable(QFileInfo(recording).fileName()), missed);
     std::printf("  key release -> text in a GTK entry:   p50 %7.1f ms   p95 %7.1f ms   (target p50 <= 150 ms)\n",
         percentile(releaseToText, 0.5), percentile(releaseToText, 0.95));
     std::printf("    of which, p50 from release: \"hotkeyEnded\" %.1f ms, end of transcript %.1f ms, insertion starts "
