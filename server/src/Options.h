@@ -20,6 +20,7 @@ struct ServerOptions {
     int decoderThreads = 0; // 0: one per core
     int preloadDecoders = 1;
     StreamLimits limits;
+    bool measureStreamLimit = true; // no --max-streams: the start-up measurement sets limits.maxStreams
     int maxConnections = 64;
     qint64 accessTokenSeconds = 15 * 60;
     qint64 refreshTokenDays = 30;

@@ -76,11 +76,33 @@ bool TokenStore::open(const QString& path, QString* error)
         "  revoked_at INTEGER)"_s,
         u"CREATE INDEX IF NOT EXISTS refresh_tokens_family ON refresh_tokens(family)"_s,
         u"CREATE INDEX IF NOT EXISTS refresh_tokens_account ON refresh_tokens(account_id)"_s,
+        u"CREATE TABLE IF NOT EXISTS used_once ("
+        "  value_hash TEXT PRIMARY KEY,"
+        "  expires_at INTEGER NOT NULL)"_s,
     };
     for (const QString& statement : statements) {
         QSqlQuery query(db);
         if (!query.exec(statement)) {
             *error = query.lastError().text();
+            return false;
+        }
+    }
+    // Columns added after the first release. replaced_by: hash of the token a rotation
+    // issued; retried_at: when the token was presented again within the retry window.
+    for (const QString& column : { u"replaced_by TEXT"_s, u"retried_at INTEGER"_s }) {
+        QSqlQuery info(db);
+        if (!info.exec(u"SELECT 1 FROM pragma_table_info('refresh_tokens') WHERE name = '%1'"_s.arg(
+                column.section(u' ', 0, 0)))) {
+            *error = info.lastError().text();
+            return false;
+        }
+        if (info.next())
+            continue;
+        QSqlQuery alter(db);
+        // Another replica may have added it in the meantime; that is as good.
+        if (!alter.exec(u"ALTER TABLE refresh_tokens ADD COLUMN "_s + column)
+            && !alter.lastError().text().contains(u"duplicate column"_s)) {
+            *error = alter.lastError().text();
             return false;
         }
     }
@@ -117,19 +139,22 @@ QString TokenStore::newOpaqueToken()
     return u"qrt_"_s + randomBase64Url(32);
 }
 
-std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds)
+std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds, QString* family)
 {
     const QString token = newOpaqueToken();
+    const QString familyId = randomBase64Url(16);
     QSqlQuery insert(database(m_connection));
     insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
                    " VALUES (?, ?, ?, ?, ?)"_s);
     insert.addBindValue(hashToken(token));
-    insert.addBindValue(randomBase64Url(16));
+    insert.addBindValue(familyId);
     insert.addBindValue(accountId);
     insert.addBindValue(now);
     insert.addBindValue(now + lifetimeSeconds);
     if (!exec(insert))
         return std::nullopt;
+    if (family)
+        *family = familyId;
     return token;
 }
 
@@ -145,8 +170,10 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
     auto rollback = [&db] { QSqlQuery(db).exec(u"ROLLBACK"_s); };
 
     QSqlQuery lookup(db);
-    lookup.prepare(u"SELECT t.family, t.account_id, t.expires_at, t.rotated_at, t.revoked_at, a.name, a.generation"
-                   " FROM refresh_tokens t JOIN accounts a ON a.id = t.account_id WHERE t.token_hash = ?"_s);
+    lookup.prepare(u"SELECT t.family, t.account_id, t.expires_at, t.rotated_at, t.revoked_at, a.name, a.generation,"
+                   " t.replaced_by, t.retried_at, s.rotated_at, s.revoked_at"
+                   " FROM refresh_tokens t JOIN accounts a ON a.id = t.account_id"
+                   " LEFT JOIN refresh_tokens s ON s.token_hash = t.replaced_by WHERE t.token_hash = ?"_s);
     lookup.addBindValue(hashToken(presented));
     if (!exec(lookup)) {
         rollback();
@@ -161,8 +188,14 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
     const qint64 accountId = lookup.value(1).toLongLong();
     const qint64 expiresAt = lookup.value(2).toLongLong();
     const bool rotated = !lookup.value(3).isNull();
+    const qint64 rotatedAt = lookup.value(3).toLongLong();
     const bool revoked = !lookup.value(4).isNull();
     result.account = Account { accountId, lookup.value(5).toString(), lookup.value(6).toLongLong() };
+    const QString successor = lookup.value(7).toString();
+    const bool retried = !lookup.value(8).isNull();
+    // The successor was never used: the client presenting this token again most likely
+    // never received it.
+    const bool successorUnused = !successor.isEmpty() && lookup.value(9).isNull() && lookup.value(10).isNull();
     lookup.finish();
 
     if (revoked) {
@@ -170,7 +203,8 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
         result.outcome = Outcome::Revoked;
         return result;
     }
-    if (rotated) {
+    const bool retry = rotated && !retried && successorUnused && now - rotatedAt < retrySeconds && expiresAt > now;
+    if (rotated && !retry) {
         // Someone holds a copy of a token that was already exchanged: either the client or
         // a thief is replaying it. Ending the whole family signs both out.
         QSqlQuery revoke(db);
@@ -190,11 +224,29 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
         return result;
     }
 
-    QSqlQuery markRotated(db);
-    markRotated.prepare(u"UPDATE refresh_tokens SET rotated_at = ? WHERE token_hash = ?"_s);
-    markRotated.addBindValue(now);
-    markRotated.addBindValue(hashToken(presented));
     const QString next = newOpaqueToken();
+    QSqlQuery markRotated(db);
+    if (retry) {
+        // Once only. The successor nobody received counts as exchanged (and retried) from
+        // now on, so that whoever shows it later is treated as the copy it would be.
+        markRotated.prepare(u"UPDATE refresh_tokens SET retried_at = ?, replaced_by = ? WHERE token_hash = ?"_s);
+        QSqlQuery retire(db);
+        retire.prepare(
+            u"UPDATE refresh_tokens SET rotated_at = ?, retried_at = ?, replaced_by = ? WHERE token_hash = ?"_s);
+        retire.addBindValue(now);
+        retire.addBindValue(now);
+        retire.addBindValue(hashToken(next));
+        retire.addBindValue(successor);
+        if (!exec(retire)) {
+            rollback();
+            return result;
+        }
+    } else {
+        markRotated.prepare(u"UPDATE refresh_tokens SET rotated_at = ?, replaced_by = ? WHERE token_hash = ?"_s);
+    }
+    markRotated.addBindValue(now);
+    markRotated.addBindValue(hashToken(next));
+    markRotated.addBindValue(hashToken(presented));
     QSqlQuery insert(db);
     insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
                    " VALUES (?, ?, ?, ?, ?)"_s);
@@ -209,7 +261,33 @@ TokenStore::Rotation TokenStore::rotate(const QString& presented, qint64 now, qi
     }
     result.outcome = Outcome::Rotated;
     result.refreshToken = next;
+    result.family = family;
     return result;
+}
+
+std::optional<bool> TokenStore::familyRevoked(const QString& family)
+{
+    QSqlQuery query(database(m_connection));
+    query.prepare(u"SELECT EXISTS (SELECT 1 FROM refresh_tokens WHERE family = ? AND revoked_at IS NOT NULL)"_s);
+    query.addBindValue(family);
+    if (!exec(query) || !query.next())
+        return std::nullopt;
+    return query.value(0).toBool();
+}
+
+bool TokenStore::useOnce(const QString& value, qint64 now, qint64 expiresAt)
+{
+    QSqlDatabase db = database(m_connection);
+    QSqlQuery forget(db);
+    forget.prepare(u"DELETE FROM used_once WHERE expires_at <= ?"_s);
+    forget.addBindValue(now);
+    if (!exec(forget))
+        return false;
+    QSqlQuery insert(db);
+    insert.prepare(u"INSERT OR IGNORE INTO used_once(value_hash, expires_at) VALUES (?, ?)"_s);
+    insert.addBindValue(hashToken(value));
+    insert.addBindValue(expiresAt);
+    return exec(insert) && insert.numRowsAffected() == 1;
 }
 
 int TokenStore::activeSignIns(qint64 accountId, qint64 now)

@@ -24,7 +24,12 @@ public:
         Outcome outcome = Outcome::Failed;
         Account account;
         QString refreshToken; // the new token, only when rotated
+        QString family; // only when rotated
     };
+
+    // A token rotated less than this long ago may be presented once more: the client may
+    // have lost the answer that carried its successor (a crash, a dropped connection).
+    static constexpr qint64 retrySeconds = 60;
 
     TokenStore();
     ~TokenStore();
@@ -37,12 +42,16 @@ public:
     std::optional<Account> accountByName(const QString& name);
 
     // A new family with its first token; returns the token, or nothing on failure.
-    std::optional<QString> startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds);
+    std::optional<QString> startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds, QString* family = nullptr);
     Rotation rotate(const QString& presented, qint64 now, qint64 lifetimeSeconds);
     // Revokes every refresh token of the account and retires its live access tokens.
     // Returns how many sign-ins were still active, or -1 on failure.
     int signOutEverywhere(qint64 accountId, qint64 now);
     int activeSignIns(qint64 accountId, qint64 now);
+    // True when the family was revoked (a reused token, or sign out everywhere); nothing on failure.
+    std::optional<bool> familyRevoked(const QString& family);
+    // Records a single-use value until `expiresAt`; false when it was recorded before (or on failure).
+    bool useOnce(const QString& value, qint64 now, qint64 expiresAt);
 
     static QString hashToken(const QString& token);
     static QString newOpaqueToken();
