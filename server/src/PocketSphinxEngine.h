@@ -37,7 +37,8 @@ public:
     ~PocketSphinxEngine() override;
 
     // Checks the model by building the first decoders (at least one); call once at
-    // start-up. Each decoder holds about 45 MiB, each lane 33 MiB more for its model.
+    // start-up. Each decoder holds about 38 MiB (45 without jemalloc), each lane 33 MiB
+    // more for its model.
     bool prepare(int decoders, QString* error);
 
     QString name() const override;
