@@ -20,6 +20,8 @@
 #include <cstdio>
 #include <vector>
 
+#include <unistd.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace {
@@ -69,6 +71,20 @@ qint64 pssKiB(qint64 pid)
     return 0;
 }
 
+// User and system processor time of the process so far, in seconds.
+double cpuSeconds(qint64 pid)
+{
+    QFile stat(u"/proc/%1/stat"_s.arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = stat.readAll();
+    // Fields after the command name, which is in parentheses and may hold spaces.
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 13)
+        return 0;
+    return double(fields[11].toLongLong() + fields[12].toLongLong()) / double(sysconf(_SC_CLK_TCK));
+}
+
 QString loadAverage()
 {
     QFile file(u"/proc/loadavg"_s);
@@ -101,6 +117,8 @@ struct Crowd {
     std::vector<double> stopToCloseMs;
     int admitted = 0;
     int busy = 0;
+    QStringList otherErrors; // admitted streams that ended with an error
+    int withoutFinal = 0; // admitted streams that closed without a final
 
     void open(const ServerProcess& server, const QString& access, int n)
     {
@@ -170,6 +188,11 @@ struct Crowd {
             } else {
                 ++admitted;
                 stopToCloseMs.push_back(closedAt[i]);
+                const QString code = clients[i]->firstOfType(u"error"_s).value(u"code"_s).toString();
+                if (!code.isEmpty())
+                    otherErrors << code;
+                if (clients[i]->texts(u"final"_s).isEmpty())
+                    ++withoutFinal;
             }
         }
         firstPartialMs.erase(std::remove(firstPartialMs.begin(), firstPartialMs.end(), -1.0), firstPartialMs.end());
@@ -219,16 +242,19 @@ int main(int argc, char* argv[])
         qint64 one = 0;
         for (int n : { 1, 8, 14 }) {
             Crowd crowd;
+            const double cpuBefore = cpuSeconds(server.processId());
             crowd.open(server, access, n);
             qint64 pss = 0;
             crowd.speak(chunks, [&] { pss = pssKiB(server.processId()); });
+            const double cpu = cpuSeconds(server.processId()) - cpuBefore;
             if (n == 1)
                 one = pss;
             std::printf("   %2d streams: PSS %.1f MiB (%+.1f MiB per stream over one), first partial median %.0f ms, "
-                        "worst %.0f ms, worst stop-to-close %.0f ms [load %s]\n",
+                        "worst %.0f ms, worst stop-to-close %.0f ms, server processor time %.3f s per second of "
+                        "audio per stream [load %s]\n",
                 n, double(pss) / 1024, n > 1 ? double(pss - one) / 1024 / (n - 1) : double(pss - idle) / 1024,
                 median(crowd.firstPartialMs), worst(crowd.firstPartialMs), worst(crowd.stopToCloseMs),
-                qPrintable(loadAverage()));
+                cpu / n / (double(clip.size() / 2) / sampleRate + 3.0), qPrintable(loadAverage()));
             spin(300);
         }
         server.stop();
@@ -259,6 +285,9 @@ int main(int argc, char* argv[])
                         "admitted streams' stop-to-close median %.0f ms, worst %.0f ms [load %s]\n",
                 run + 1, crowd.admitted, crowd.busy, median(crowd.busyMs), worst(crowd.busyMs),
                 median(crowd.stopToCloseMs), worst(crowd.stopToCloseMs), qPrintable(loadAverage()));
+            if (!crowd.otherErrors.isEmpty() || crowd.withoutFinal > 0)
+                std::printf("   run %d: admitted streams without a final: %d; errors: %s\n", run + 1,
+                    crowd.withoutFinal, qPrintable(crowd.otherErrors.join(u", "_s)));
             spin(500);
         }
         server.stop();
