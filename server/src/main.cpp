@@ -167,6 +167,12 @@ int main(int argc, char* argv[])
             [api, &options, cores, factor] {
                 if (!api)
                     return;
+                if (!(factor > 0)) {
+                    Log::line(Log::Kind::Warning,
+                        u"capacity: the speech engine could not be measured; %1 streams at once"_s.arg(
+                            options.limits.maxStreams));
+                    return;
+                }
                 const int capacity = Capacity::streams(cores, factor);
                 const QString measured = u"%1 cores, real-time factor %2"_s.arg(cores).arg(factor, 0, 'f', 3);
                 if (!options.measureStreamLimit) {
