@@ -19,6 +19,7 @@ packages=(
   libgtk-3-dev
   # speech engine of the local backend
   libpocketsphinx-dev libsphinxbase-dev pocketsphinx pocketsphinx-en-us pocketsphinx-testdata sphinxbase-utils
+  libjemalloc-dev
   # headless desktop used by the tests
   xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
   curl xdg-utils xdotool xclip xterm sox libsox-fmt-all espeak-ng

@@ -32,6 +32,8 @@ public:
 
     // Returns the port bound (useful with port 0), or 0 on failure.
     quint16 listen(const QHostAddress& address, quint16 port);
+    // Streams decoded at once from now on (the start-up measurement arrives after listen()).
+    void setStreamLimit(int limit) { m_counter.setLimit(limit); }
 
 private:
     void addRoutes();

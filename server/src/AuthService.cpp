@@ -13,7 +13,8 @@ using namespace Qt::Literals::StringLiterals;
 namespace {
 
 constexpr qsizetype keyBytes = 32;
-constexpr qint64 formTokenSeconds = 3600;
+// Long enough to read the page and press its button; each token works once.
+constexpr qint64 formTokenSeconds = 10 * 60;
 
 } // namespace
 
@@ -62,9 +63,10 @@ std::optional<QByteArray> AuthService::loadOrCreateSigningKey(const QString& pat
     return std::nullopt;
 }
 
-QString AuthService::accessTokenFor(const TokenStore::Account& account, qint64 now) const
+QString AuthService::accessTokenFor(const TokenStore::Account& account, const QString& family, qint64 now) const
 {
     Jwt::Claims claims;
+    claims.family = family;
     claims.subject = account.name;
     claims.issuedAt = now;
     claims.expiresAt = now + m_lifetimes.accessSeconds;
@@ -78,10 +80,11 @@ std::optional<AuthService::TokenPair> AuthService::signIn(const QString& account
     if (!account)
         return std::nullopt;
     const qint64 now = nowSeconds();
-    const auto refresh = m_store.startFamily(account->id, now, m_lifetimes.refreshSeconds);
+    QString family;
+    const auto refresh = m_store.startFamily(account->id, now, m_lifetimes.refreshSeconds, &family);
     if (!refresh)
         return std::nullopt;
-    return TokenPair { accessTokenFor(*account, now), *refresh };
+    return TokenPair { accessTokenFor(*account, family, now), *refresh };
 }
 
 AuthService::RefreshResult AuthService::refresh(const QString& refreshToken)
@@ -94,7 +97,7 @@ AuthService::RefreshResult AuthService::refresh(const QString& refreshToken)
     switch (rotation.outcome) {
     case TokenStore::Outcome::Rotated:
         result.outcome = RefreshOutcome::Refreshed;
-        result.tokens = TokenPair { accessTokenFor(rotation.account, now), rotation.refreshToken };
+        result.tokens = TokenPair { accessTokenFor(rotation.account, rotation.family, now), rotation.refreshToken };
         return result;
     case TokenStore::Outcome::Unknown:
     case TokenStore::Outcome::Expired:
@@ -134,6 +137,14 @@ AuthService::AccessResult AuthService::checkAccess(QByteArrayView token)
         result.check = AccessCheck::Revoked;
         return result;
     }
+    // A replayed refresh token revokes its family; the family's access tokens go with it.
+    if (!verification.claims.family.isEmpty()) {
+        const auto revoked = m_store.familyRevoked(verification.claims.family);
+        if (!revoked || *revoked) {
+            result.check = AccessCheck::FamilyRevoked;
+            return result;
+        }
+    }
     result.check = AccessCheck::Valid;
     return result;
 }
@@ -156,16 +167,32 @@ int AuthService::activeSignIns(const QString& accountName)
 
 QString AuthService::formToken(const QString& action) const
 {
-    const QByteArray stamp = QByteArray::number(nowSeconds());
-    const QByteArray mac
-        = QMessageAuthenticationCode::hash("form:" + action.toUtf8() + ':' + stamp, m_key, QCryptographicHash::Sha256);
-    return QString::fromLatin1(stamp + '.' + Jwt::base64Url(mac));
+    // The random part tells apart two pages served in the same second: each token is
+    // used once, so two pages must not share one.
+    QByteArray nonce(12, Qt::Uninitialized);
+    QRandomGenerator::system()->generate(nonce.begin(), nonce.end());
+    const QByteArray signedPart = QByteArray::number(nowSeconds()) + '.' + Jwt::base64Url(nonce);
+    const QByteArray mac = QMessageAuthenticationCode::hash(
+        "form:" + action.toUtf8() + ':' + signedPart, m_key, QCryptographicHash::Sha256);
+    return QString::fromLatin1(signedPart + '.' + Jwt::base64Url(mac));
+}
+
+bool AuthService::useFormToken(const QString& action, const QString& token)
+{
+    if (!checkFormToken(action, token))
+        return false;
+    // Remembered in the database until it would have expired anyway, so a replica that
+    // shares it refuses the same token too.
+    const qint64 stamp = token.first(token.indexOf(u'.')).toLongLong();
+    return m_store.useOnce(u"form:"_s + token, nowSeconds(), stamp + formTokenSeconds + 1);
 }
 
 bool AuthService::checkFormToken(const QString& action, const QString& token) const
 {
+    // "<seconds>.<nonce>.<mac>"
     const qsizetype dot = token.indexOf(u'.');
-    if (dot <= 0)
+    const qsizetype lastDot = token.lastIndexOf(u'.');
+    if (dot <= 0 || lastDot <= dot + 1)
         return false;
     bool ok = false;
     const qint64 stamp = token.first(dot).toLongLong(&ok);
@@ -175,9 +202,9 @@ bool AuthService::checkFormToken(const QString& action, const QString& token) co
     if (age < 0 || age > formTokenSeconds)
         return false;
     const QByteArray mac = QMessageAuthenticationCode::hash(
-        "form:" + action.toUtf8() + ':' + QByteArray::number(stamp), m_key, QCryptographicHash::Sha256);
+        "form:" + action.toUtf8() + ':' + token.first(lastDot).toUtf8(), m_key, QCryptographicHash::Sha256);
     const QByteArray expected = Jwt::base64Url(mac);
-    const QByteArray given = token.mid(dot + 1).toLatin1();
+    const QByteArray given = token.mid(lastDot + 1).toLatin1();
     if (given.size() != expected.size())
         return false;
     unsigned char diff = 0;

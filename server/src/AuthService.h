@@ -23,7 +23,8 @@ public:
         QString refreshToken;
     };
 
-    enum class AccessCheck { Valid, Malformed, BadSignature, Expired, Revoked };
+    // Revoked: signed out everywhere since; FamilyRevoked: its sign-in's refresh token was replayed.
+    enum class AccessCheck { Valid, Malformed, BadSignature, Expired, Revoked, FamilyRevoked };
     struct AccessResult {
         AccessCheck check = AccessCheck::Malformed;
         QString subject;
@@ -50,14 +51,17 @@ public:
     int signOutEverywhere(const QString& accountName);
     int activeSignIns(const QString& accountName);
 
-    // Stateless form tokens for the web pages: an HMAC of the action and a time stamp.
+    // Form tokens for the web pages: an HMAC of the action and a time stamp, good for ten
+    // minutes and one use.
     QString formToken(const QString& action) const;
-    bool checkFormToken(const QString& action, const QString& token) const;
+    // Checks the token and marks it used; false when it is stale, forged or used before.
+    bool useFormToken(const QString& action, const QString& token);
 
     const QByteArray& signingKey() const { return m_key; }
 
 private:
-    QString accessTokenFor(const TokenStore::Account& account, qint64 now) const;
+    QString accessTokenFor(const TokenStore::Account& account, const QString& family, qint64 now) const;
+    bool checkFormToken(const QString& action, const QString& token) const;
 
     TokenStore& m_store;
     QByteArray m_key;

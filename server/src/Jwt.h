@@ -13,6 +13,7 @@ struct Claims {
     qint64 issuedAt = 0; // "iat", seconds since the epoch
     qint64 expiresAt = 0; // "exp", seconds since the epoch
     qint64 generation = 0; // "gen": bumped by "sign out everywhere" to retire live tokens
+    QString family; // "fam": the refresh-token family of the sign-in; revoking it retires the token
 };
 
 enum class Verdict { Valid, Malformed, UnsupportedAlgorithm, BadSignature, Expired };

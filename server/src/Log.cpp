@@ -1,7 +1,10 @@
 #include "Log.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
+
+using namespace Qt::Literals::StringLiterals;
 
 namespace Log {
 
@@ -34,15 +37,43 @@ const char* symbol(Kind kind)
     return "•";
 }
 
+// Long enough for any message of the server's own; a client's text is cut there.
+constexpr qsizetype maxMessageChars = 1000;
+
+QString printable(const QString& message)
+{
+    QString out;
+    out.reserve(std::min(message.size(), maxMessageChars) + 16);
+    for (qsizetype i = 0; i < message.size(); ++i) {
+        if (out.size() >= maxMessageChars) {
+            out += u"… (%1 more characters)"_s.arg(message.size() - i);
+            break;
+        }
+        const char16_t c = message.at(i).unicode();
+        // Control characters (terminal escapes, NUL), line and paragraph separators, and
+        // the direction overrides that make a line read differently from what it holds.
+        const bool hidden = c < 0x20 || (c >= 0x7f && c < 0xa0) || c == 0x2028 || c == 0x2029
+            || (c >= 0x200b && c <= 0x200f) || (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069)
+            || c == 0xfeff;
+        if (c == u'\\')
+            out += u"\\\\"_s;
+        else if (!hidden)
+            out += QChar(c);
+        else if (c < 0x100)
+            out += u"\\x%1"_s.arg(int(c), 2, 16, QLatin1Char('0'));
+        else
+            out += u"\\u%1"_s.arg(int(c), 4, 16, QLatin1Char('0'));
+    }
+    return out;
+}
+
 } // namespace
 
 void line(Kind kind, const QString& message)
 {
-    // A message must stay on one line so that log readers can split on newlines.
-    QString flat = message;
-    flat.replace(QLatin1Char('\n'), QLatin1Char(' '));
-    flat.replace(QLatin1Char('\r'), QLatin1Char(' '));
-    const QByteArray text = QByteArray(symbol(kind)) + " [quillet-server] " + flat.toUtf8() + '\n';
+    // One event, one line: nothing a client sends can start another line, move the cursor
+    // of the terminal showing the log, or fill it.
+    const QByteArray text = QByteArray(symbol(kind)) + " [quillet-server] " + printable(message).toUtf8() + '\n';
 
     // Worker threads may log too; one write per line under a lock keeps lines whole.
     static std::mutex mutex;

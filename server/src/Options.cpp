@@ -94,8 +94,10 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"Decoders built at start-up (default 1). More streams than this at once build theirs on first use, a short "
         "delay; each decoder holds about 100 MiB."_s,
         u"n"_s);
-    const QCommandLineOption maxStreams(
-        u"max-streams"_s, u"Streams decoded at once; more get SERVER_BUSY (default 8)."_s, u"n"_s);
+    const QCommandLineOption maxStreams(u"max-streams"_s,
+        u"Streams decoded at once; more get SERVER_BUSY (default: what this machine decodes in real time, "
+        "measured at start-up)."_s,
+        u"n"_s);
     const QCommandLineOption maxConnections(
         u"max-connections"_s, u"Open WebSocket connections, signed in or not (default 64)."_s, u"n"_s);
     const QCommandLineOption maxUnauthenticated(u"max-unauthenticated"_s,
@@ -217,6 +219,7 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     if (!readInt(parser, maxStreams, 1, 1024, &value, &error))
         return fail(error);
     o.limits.maxStreams = int(value);
+    o.measureStreamLimit = !parser.isSet(maxStreams);
     value = o.maxConnections;
     if (!readInt(parser, maxConnections, 1, 100000, &value, &error))
         return fail(error);

@@ -26,6 +26,7 @@ struct ServerOptions {
     int decoderThreads = 0; // 0: one per core
     int preloadDecoders = 1;
     StreamLimits limits;
+    bool measureStreamLimit = true; // no --max-streams: the start-up measurement sets limits.maxStreams
     int maxConnections = 64;
     int maxUnauthenticated = 32;
     HttpGateSettings http;

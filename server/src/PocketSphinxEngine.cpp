@@ -2,9 +2,11 @@
 
 #include "SerialQueue.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 
 #include <pocketsphinx.h>
 #include <sphinxbase/cmn.h>
@@ -12,11 +14,23 @@
 #include <sphinxbase/feat.h>
 
 #include <algorithm>
+#include <ctime>
+#include <sys/mman.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
 // The saved starting mean is kept as floats in the header, which does not include sphinxbase.
 static_assert(std::is_same_v<mfcc_t, float>, "sphinxbase built with fixed-point features");
+
+struct PocketSphinxEngine::Lane {
+    // One thread: the lane's language model may only be scored from one thread at a time.
+    QThreadPool pool;
+    ngram_model_t* languageModel = nullptr;
+    std::mutex mutex; // guards idle
+    std::vector<ps_decoder_t*> idle;
+    std::atomic<int> streams = 0; // streams open on this lane
+};
 
 namespace {
 
@@ -82,6 +96,7 @@ private:
 // Everything one stream's decoding needs; touched only by jobs of that stream's queue.
 struct DecodeState {
     PocketSphinxEngine* engine = nullptr;
+    PocketSphinxEngine::Lane* lane = nullptr;
     std::shared_ptr<SinkRelay> relay;
     ps_decoder_t* decoder = nullptr;
     bool failed = false;
@@ -91,14 +106,19 @@ struct DecodeState {
     qint64 samplesSinceLook = 0;
     QString lastPartial;
 
-    ~DecodeState() { giveBack(); }
+    ~DecodeState()
+    {
+        giveBack();
+        if (lane)
+            --lane->streams;
+    }
 
     bool ensureDecoder()
     {
         if (decoder || failed)
             return decoder != nullptr;
         QString error;
-        decoder = engine->acquire(&error);
+        decoder = engine->acquire(*lane, &error);
         if (!decoder) {
             failed = true;
             relay->post([error](SpeechSink* sink) { sink->speechFailed(error); });
@@ -194,7 +214,7 @@ struct DecodeState {
         if (inUtterance)
             ps_end_utt(decoder);
         inUtterance = false;
-        engine->release(decoder);
+        engine->release(*lane, decoder);
         decoder = nullptr;
     }
 };
@@ -202,11 +222,13 @@ struct DecodeState {
 class PocketSphinxStream final : public SpeechStream
 {
 public:
-    PocketSphinxStream(PocketSphinxEngine& engine, QThreadPool& pool, QObject* context, SpeechSink* sink)
-        : m_queue(std::make_shared<SerialQueue>(pool))
+    PocketSphinxStream(PocketSphinxEngine& engine, PocketSphinxEngine::Lane& lane, QObject* context, SpeechSink* sink)
+        : m_queue(std::make_shared<SerialQueue>(lane.pool))
         , m_state(std::make_shared<DecodeState>())
     {
+        ++lane.streams;
         m_state->engine = &engine;
+        m_state->lane = &lane;
         m_state->relay = SinkRelay::make(context, sink);
     }
 
@@ -249,18 +271,29 @@ PocketSphinxModel PocketSphinxModel::debianDefault()
 PocketSphinxEngine::PocketSphinxEngine(PocketSphinxModel model, int threads)
     : m_model(std::move(model))
 {
-    m_pool.setMaxThreadCount(std::max(1, threads));
-    // Decoders stay warm between dictations; threads may as well too.
-    m_pool.setExpiryTimeout(-1);
+    for (int i = 0; i < std::max(1, threads); ++i) {
+        auto lane = std::make_unique<Lane>();
+        lane->pool.setMaxThreadCount(1);
+        // Decoders stay warm between dictations; threads may as well too.
+        lane->pool.setExpiryTimeout(-1);
+        m_lanes.push_back(std::move(lane));
+    }
     // PocketSphinx writes pages of diagnostics to stderr; the server has its own log.
     err_set_logfp(nullptr);
 }
 
 PocketSphinxEngine::~PocketSphinxEngine()
 {
-    m_pool.waitForDone();
-    for (ps_decoder_t* decoder : m_idle)
-        ps_free(decoder);
+    for (auto& lane : m_lanes)
+        lane->pool.waitForDone();
+    for (auto& lane : m_lanes) {
+        for (ps_decoder_t* decoder : lane->idle)
+            ps_free(decoder);
+        if (lane->languageModel)
+            ngram_model_free(lane->languageModel);
+    }
+    if (m_dictionaryFd >= 0)
+        ::close(m_dictionaryFd);
 }
 
 QString PocketSphinxEngine::name() const
@@ -276,28 +309,86 @@ bool PocketSphinxEngine::prepare(int decoders, QString* error)
             return false;
         }
     }
-    for (int i = 0; i < std::max(1, decoders); ++i) {
-        ps_decoder_t* decoder = create(error);
+    if (!writeDictionary(error))
+        return false;
+    // Every lane gets its language model and a warm decoder now; the rest go round the lanes.
+    const int count = std::max({ 1, decoders, lanes() });
+    for (int i = 0; i < count; ++i) {
+        Lane& lane = *m_lanes[size_t(i % lanes())];
+        ps_decoder_t* decoder = create(lane, error);
         if (!decoder)
             return false;
-        release(decoder);
+        release(lane, decoder);
     }
     return true;
 }
 
-ps_decoder_t* PocketSphinxEngine::create(QString* error)
+bool PocketSphinxEngine::writeDictionary(QString* error)
+{
+    QFile file(m_model.dictionary);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = u"cannot read the dictionary %1"_s.arg(m_model.dictionary);
+        return false;
+    }
+    const QByteArray lm = m_model.languageModel.toLocal8Bit();
+    logmath_t* logMath = logmath_init(1.0001, 0, FALSE);
+    ngram_model_t* model = ngram_model_read(nullptr, lm.constData(), NGRAM_AUTO, logMath);
+    logmath_free(logMath);
+    if (!model) {
+        *error = u"PocketSphinx could not read the language model %1"_s.arg(m_model.languageModel);
+        return false;
+    }
+    // Keeps the dictionary's order: the search tree is built in that order, and the same
+    // order gives the same results as the whole dictionary.
+    QByteArray kept;
+    kept.reserve(file.size());
+    const qint32 unknown = ngram_unknown_wid(model);
+    while (!file.atEnd()) {
+        const QByteArray line = file.readLine();
+        qsizetype end = 0;
+        while (end < line.size() && line.at(end) != ' ' && line.at(end) != '\t' && line.at(end) != '\n')
+            ++end;
+        QByteArray word = line.left(end);
+        // Alternative pronunciations are "word(2)".
+        if (const qsizetype paren = word.indexOf('('); paren > 0 && word.endsWith(')'))
+            word.truncate(paren);
+        if (word.isEmpty() || ngram_wid(model, word.constData()) == unknown)
+            continue;
+        kept += line;
+        if (!line.endsWith('\n'))
+            kept += '\n';
+    }
+    ngram_model_free(model);
+
+    m_dictionaryFd = ::memfd_create("quillet-dictionary", MFD_CLOEXEC);
+    if (m_dictionaryFd < 0) {
+        *error = u"cannot make the dictionary's memory file"_s;
+        return false;
+    }
+    for (qsizetype at = 0; at < kept.size();) {
+        const ssize_t written = ::write(m_dictionaryFd, kept.constData() + at, size_t(kept.size() - at));
+        if (written <= 0) {
+            *error = u"cannot write the dictionary's memory file"_s;
+            return false;
+        }
+        at += written;
+    }
+    m_dictionaryPath = "/proc/self/fd/" + QByteArray::number(m_dictionaryFd);
+    return true;
+}
+
+ps_decoder_t* PocketSphinxEngine::create(Lane& lane, QString* error)
 {
     // ps_init() writes into its configuration, and sphinxbase keeps some global state:
     // build one decoder at a time, each from a configuration of its own.
     const std::lock_guard lock(m_createMutex);
     const QByteArray hmm = m_model.acousticModel.toLocal8Bit();
-    const QByteArray lm = m_model.languageModel.toLocal8Bit();
-    const QByteArray dict = m_model.dictionary.toLocal8Bit();
     // No flat-lexicon second pass: it reruns the whole segment when the segment ends, which
     // is exactly when the user waits for the text (a 5-second segment cost ~170 ms more), and
     // on Debian's LibriVox clips the first pass with the best-path search is as accurate.
-    cmd_ln_t* config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmm.constData(), "-lm", lm.constData(), "-dict",
-        dict.constData(), "-fwdflat", "no", static_cast<const char*>(nullptr));
+    // No "-lm": the lane's shared model is set below.
+    cmd_ln_t* config = cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", hmm.constData(), "-dict",
+        m_dictionaryPath.constData(), "-fwdflat", "no", static_cast<const char*>(nullptr));
     if (!config) {
         *error = u"PocketSphinx rejected its configuration"_s;
         return nullptr;
@@ -306,6 +397,24 @@ ps_decoder_t* PocketSphinxEngine::create(QString* error)
     cmd_ln_free_r(config);
     if (!decoder) {
         *error = u"PocketSphinx could not load the model from %1"_s.arg(m_model.acousticModel);
+        return nullptr;
+    }
+    if (!lane.languageModel) {
+        // Read with the decoder's own settings (language weight, insertion penalty) and
+        // log base, as ps_init() would have; every decoder has the same ones.
+        const QByteArray lm = m_model.languageModel.toLocal8Bit();
+        lane.languageModel
+            = ngram_model_read(ps_get_config(decoder), lm.constData(), NGRAM_AUTO, ps_get_logmath(decoder));
+        if (!lane.languageModel) {
+            ps_free(decoder);
+            *error = u"PocketSphinx could not read the language model %1"_s.arg(m_model.languageModel);
+            return nullptr;
+        }
+    }
+    // The search takes its own reference to the model.
+    if (ps_set_lm(decoder, "words", lane.languageModel) < 0 || ps_set_search(decoder, "words") < 0) {
+        ps_free(decoder);
+        *error = u"PocketSphinx could not set up its search"_s;
         return nullptr;
     }
     if (m_initialCmn.empty()) {
@@ -317,18 +426,18 @@ ps_decoder_t* PocketSphinxEngine::create(QString* error)
     return decoder;
 }
 
-ps_decoder_t* PocketSphinxEngine::acquire(QString* error)
+ps_decoder_t* PocketSphinxEngine::acquire(Lane& lane, QString* error)
 {
     ps_decoder_t* decoder = nullptr;
     {
-        const std::lock_guard lock(m_mutex);
-        if (!m_idle.empty()) {
-            decoder = m_idle.back();
-            m_idle.pop_back();
+        const std::lock_guard lock(lane.mutex);
+        if (!lane.idle.empty()) {
+            decoder = lane.idle.back();
+            lane.idle.pop_back();
         }
     }
     if (!decoder)
-        decoder = create(error);
+        decoder = create(lane, error);
     if (!decoder)
         return nullptr;
     // A decoder adapts to the voice and the room it hears (cepstral mean, noise floor).
@@ -340,13 +449,58 @@ ps_decoder_t* PocketSphinxEngine::acquire(QString* error)
     return decoder;
 }
 
-void PocketSphinxEngine::release(ps_decoder_t* decoder)
+void PocketSphinxEngine::release(Lane& lane, ps_decoder_t* decoder)
 {
-    const std::lock_guard lock(m_mutex);
-    m_idle.push_back(decoder);
+    const std::lock_guard lock(lane.mutex);
+    lane.idle.push_back(decoder);
 }
 
 std::unique_ptr<SpeechStream> PocketSphinxEngine::open(QObject* context, SpeechSink* sink)
 {
-    return std::make_unique<PocketSphinxStream>(*this, m_pool, context, sink);
+    // The lane with the fewest streams; a stream stays on its lane until it ends.
+    Lane* lane = m_lanes.front().get();
+    for (auto& candidate : m_lanes) {
+        if (candidate->streams.load() < lane->streams.load())
+            lane = candidate.get();
+    }
+    return std::make_unique<PocketSphinxStream>(*this, *lane, context, sink);
+}
+
+void PocketSphinxEngine::measureRealTimeFactor(QByteArray pcm, std::function<void(double)> done)
+{
+    Lane& lane = *m_lanes.front();
+    lane.pool.start([this, &lane, pcm = std::move(pcm), done = std::move(done)] {
+        QString error;
+        ps_decoder_t* decoder = acquire(lane, &error);
+        if (!decoder) {
+            done(0.0);
+            return;
+        }
+        const auto* samples = reinterpret_cast<const int16*>(pcm.constData());
+        const qsizetype count = pcm.size() / 2;
+        auto decode = [&] {
+            bool ok = ps_start_utt(decoder) >= 0;
+            for (qsizetype at = 0; ok && at < count; at += pieceSamples) {
+                const qsizetype n = std::min(pieceSamples, count - at);
+                ok = ps_process_raw(decoder, samples + at, size_t(n), FALSE, FALSE) >= 0;
+                // A stream looks at its provisional text this often; so does the measurement.
+                ps_get_hyp(decoder, nullptr);
+            }
+            ps_end_utt(decoder);
+            ps_get_hyp(decoder, nullptr);
+            return ok;
+        };
+        // The first pass touches the decoder's fresh memory for the first time and costs a
+        // good third more than any later one; a stream in service runs warm.
+        bool ok = decode();
+        // Processor time of this thread only: what one stream costs a core, whatever else
+        // the machine is doing meanwhile.
+        timespec start {}, end {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
+        ok = ok && decode();
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+        release(lane, decoder);
+        const double seconds = double(end.tv_sec - start.tv_sec) + double(end.tv_nsec - start.tv_nsec) / 1e9;
+        done(ok && count > 0 ? seconds / (double(count) / sampleRate) : 0.0);
+    });
 }

@@ -171,7 +171,7 @@ QHttpServerResponse SiteServer::signIn(const QHttpServerRequest& request)
             "text/plain", "Sign-in only works from this computer's own pages.\n", Status::Forbidden);
     const QUrlQuery form = formFields(request);
     const QString source = field(form, u"source"_s);
-    if (!m_auth.checkFormToken(u"signin"_s, field(form, u"form"_s))) {
+    if (!m_auth.useFormToken(u"signin"_s, field(form, u"form"_s))) {
         Log::line(Log::Kind::Failure, u"sign-in refused: stale or missing form token"_s);
         const QString again = u"/signin?source="_s + QString::fromLatin1(QUrl::toPercentEncoding(source));
         return page(u"Sign in"_s,
@@ -230,7 +230,7 @@ QHttpServerResponse SiteServer::signOutEverywhere(const QHttpServerRequest& requ
         return QHttpServerResponse(
             "text/plain", "Sign-out only works from this computer's own pages.\n", Status::Forbidden);
     const QUrlQuery form = formFields(request);
-    if (!m_auth.checkFormToken(u"signout"_s, field(form, u"form"_s))) {
+    if (!m_auth.useFormToken(u"signout"_s, field(form, u"form"_s))) {
         return page(u"Account"_s,
             u"<h1>Let's try that again</h1><p>This page was open for too long.</p>"
             "<a class=\"button\" href=\"/account\">Back to your account</a>"_s,

@@ -166,6 +166,10 @@ void StreamSession::handleAuth(const QString& token)
     case AuthService::AccessCheck::Revoked:
         fail(Error::TokenRevoked, u"You were signed out. Sign in to Quillet again."_s);
         return;
+    case AuthService::AccessCheck::FamilyRevoked:
+        fail(Error::InvalidToken, u"Your sign-in is not valid here. Sign in to Quillet again."_s,
+            u"sign-in revoked after a replayed refresh token"_s);
+        return;
     case AuthService::AccessCheck::Malformed:
     case AuthService::AccessCheck::BadSignature:
         fail(Error::InvalidToken, u"Your sign-in is not valid here. Sign in to Quillet again."_s,

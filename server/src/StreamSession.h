@@ -35,6 +35,8 @@ public:
         return true;
     }
     void release() { --m_active; }
+    // Streams already admitted keep going; the new limit applies to the next ones.
+    void setLimit(int limit) { m_limit = limit; }
     int active() const { return m_active; }
     int limit() const { return m_limit; }
 

@@ -29,9 +29,13 @@ QString randomBase64Url(int bytes)
     return QString::fromLatin1(raw.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
-// Statements that bring the tables from version N-1 to N, one list per version. They are
-// written to be harmless on tables that already exist, since SQLite files from before the
-// version table have the version 1 tables already.
+// Statements that bring the tables from version N-1 to N, one list per version. Those of
+// version 1 are written to be harmless on tables that already exist, since SQLite files from
+// before the version table have the version 1 tables already.
+//
+// Version 2: replaced_by holds the hash of the token a rotation issued, retried_at when a
+// rotated token was presented again within the retry window; used_once remembers single-use
+// values (form tokens) until they would have expired anyway.
 QList<QStringList> sqliteMigrations()
 {
     return {
@@ -51,6 +55,13 @@ QList<QStringList> sqliteMigrations()
             "  revoked_at INTEGER)"_s,
             u"CREATE INDEX IF NOT EXISTS refresh_tokens_family ON refresh_tokens(family)"_s,
             u"CREATE INDEX IF NOT EXISTS refresh_tokens_account ON refresh_tokens(account_id)"_s,
+        },
+        {
+            u"ALTER TABLE refresh_tokens ADD COLUMN replaced_by TEXT"_s,
+            u"ALTER TABLE refresh_tokens ADD COLUMN retried_at INTEGER"_s,
+            u"CREATE TABLE IF NOT EXISTS used_once ("
+            "  value_hash TEXT PRIMARY KEY,"
+            "  expires_at INTEGER NOT NULL)"_s,
         },
     };
 }
@@ -74,6 +85,13 @@ QList<QStringList> postgresMigrations()
             "  revoked_at BIGINT)"_s,
             u"CREATE INDEX IF NOT EXISTS refresh_tokens_family ON refresh_tokens(family)"_s,
             u"CREATE INDEX IF NOT EXISTS refresh_tokens_account ON refresh_tokens(account_id)"_s,
+        },
+        {
+            u"ALTER TABLE refresh_tokens ADD COLUMN IF NOT EXISTS replaced_by TEXT"_s,
+            u"ALTER TABLE refresh_tokens ADD COLUMN IF NOT EXISTS retried_at BIGINT"_s,
+            u"CREATE TABLE IF NOT EXISTS used_once ("
+            "  value_hash TEXT PRIMARY KEY,"
+            "  expires_at BIGINT NOT NULL)"_s,
         },
     };
 }
@@ -305,10 +323,10 @@ QString TokenStore::newOpaqueToken()
     return u"qrt_"_s + randomBase64Url(32);
 }
 
-std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds)
+std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds, QString* family)
 {
     const QString token = newOpaqueToken();
-    const QString family = randomBase64Url(16);
+    const QString familyId = randomBase64Url(16);
     // Should the insert have landed just before the connection dropped, the second one finds
     // the token there and leaves it as it is.
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -316,12 +334,15 @@ std::optional<QString> TokenStore::startFamily(qint64 accountId, qint64 now, qin
         insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
                        " VALUES (?, ?, ?, ?, ?) ON CONFLICT (token_hash) DO NOTHING"_s);
         insert.addBindValue(hashToken(token));
-        insert.addBindValue(family);
+        insert.addBindValue(familyId);
         insert.addBindValue(accountId);
         insert.addBindValue(now);
         insert.addBindValue(now + lifetimeSeconds);
-        if (run(insert))
+        if (run(insert)) {
+            if (family)
+                *family = familyId;
             return token;
+        }
         if (!reconnected())
             break;
     }
@@ -349,16 +370,47 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
     if (!begin())
         return result;
     const QString presentedHash = hashToken(presented);
+    const QString next = newOpaqueToken();
+    const QString nextHash = hashToken(next);
+
+    // Issues `next` in the family, and answers with the account.
+    auto issue = [&](const QString& family, qint64 accountId) {
+        QSqlQuery insert(db);
+        insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
+                       " VALUES (?, ?, ?, ?, ?)"_s);
+        insert.addBindValue(nextHash);
+        insert.addBindValue(family);
+        insert.addBindValue(accountId);
+        insert.addBindValue(now);
+        insert.addBindValue(now + lifetimeSeconds);
+        QSqlQuery account(db);
+        account.prepare(u"SELECT name, generation FROM accounts WHERE id = ?"_s);
+        account.addBindValue(accountId);
+        if (!run(insert) || !run(account) || !account.next()) {
+            rollback();
+            return;
+        }
+        result.account = Account { accountId, account.value(0).toString(), account.value(1).toLongLong() };
+        account.finish();
+        if (!commit()) {
+            rollback();
+            return;
+        }
+        result.outcome = Outcome::Rotated;
+        result.refreshToken = next;
+        result.family = family;
+    };
 
     // The rotation itself is this one conditional statement: of all the requests presenting
     // the same token at once, on any replica, exactly one finds it live and marks it. The
     // others wait for that one's row lock (PostgreSQL) or write lock (SQLite), then find it
     // rotated and fall through to the checks below.
     QSqlQuery claim(db);
-    claim.prepare(u"UPDATE refresh_tokens SET rotated_at = ?"
+    claim.prepare(u"UPDATE refresh_tokens SET rotated_at = ?, replaced_by = ?"
                   " WHERE token_hash = ? AND rotated_at IS NULL AND revoked_at IS NULL AND expires_at > ?"
                   " RETURNING family, account_id"_s);
     claim.addBindValue(now);
+    claim.addBindValue(nextHash);
     claim.addBindValue(presentedHash);
     claim.addBindValue(now);
     if (!run(claim)) {
@@ -369,38 +421,22 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         const QString family = claim.value(0).toString();
         const qint64 accountId = claim.value(1).toLongLong();
         claim.finish();
-        const QString next = newOpaqueToken();
-        QSqlQuery insert(db);
-        insert.prepare(u"INSERT INTO refresh_tokens(token_hash, family, account_id, issued_at, expires_at)"
-                       " VALUES (?, ?, ?, ?, ?)"_s);
-        insert.addBindValue(hashToken(next));
-        insert.addBindValue(family);
-        insert.addBindValue(accountId);
-        insert.addBindValue(now);
-        insert.addBindValue(now + lifetimeSeconds);
-        QSqlQuery account(db);
-        account.prepare(u"SELECT name, generation FROM accounts WHERE id = ?"_s);
-        account.addBindValue(accountId);
-        if (!run(insert) || !run(account) || !account.next()) {
-            rollback();
-            return result;
-        }
-        result.account = Account { accountId, account.value(0).toString(), account.value(1).toLongLong() };
-        account.finish();
-        if (!commit()) {
-            rollback();
-            return result;
-        }
-        result.outcome = Outcome::Rotated;
-        result.refreshToken = next;
+        issue(family, accountId);
         return result;
     }
     claim.finish();
 
-    // Not rotated: say why.
+    // Not rotated: say why. On PostgreSQL the rows read from here on are locked until the
+    // transaction ends, so that two replicas cannot both decide on them (SQLite: the write
+    // lock does that). Only the presented token's row is locked here: PostgreSQL does
+    // not lock the nullable side of an outer join, and a row that changed while this waited
+    // for the lock would come back with its old successor. The successor is read (and locked)
+    // on its own below, after the presented row, always in that order.
     QSqlQuery lookup(db);
-    lookup.prepare(u"SELECT t.family, t.account_id, t.expires_at, t.rotated_at, t.revoked_at, a.name, a.generation"
-                   " FROM refresh_tokens t JOIN accounts a ON a.id = t.account_id WHERE t.token_hash = ?"_s);
+    lookup.prepare(u"SELECT t.family, t.account_id, t.expires_at, t.rotated_at, t.revoked_at, a.name, a.generation,"
+                   " t.replaced_by, t.retried_at"
+                   " FROM refresh_tokens t JOIN accounts a ON a.id = t.account_id WHERE t.token_hash = ?"_s
+        + (m_dialect == Dialect::Postgres ? u" FOR UPDATE OF t"_s : QString()));
     lookup.addBindValue(presentedHash);
     if (!run(lookup)) {
         rollback();
@@ -412,10 +448,14 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         return result;
     }
     const QString family = lookup.value(0).toString();
+    const qint64 accountId = lookup.value(1).toLongLong();
     const qint64 expiresAt = lookup.value(2).toLongLong();
     const bool rotated = !lookup.value(3).isNull();
+    const qint64 rotatedAt = lookup.value(3).toLongLong();
     const bool revoked = !lookup.value(4).isNull();
-    result.account = Account { lookup.value(1).toLongLong(), lookup.value(5).toString(), lookup.value(6).toLongLong() };
+    result.account = Account { accountId, lookup.value(5).toString(), lookup.value(6).toLongLong() };
+    const QString successor = lookup.value(7).toString();
+    const bool retried = !lookup.value(8).isNull();
     lookup.finish();
 
     if (revoked) {
@@ -423,7 +463,25 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         result.outcome = Outcome::Revoked;
         return result;
     }
-    if (rotated) {
+
+    // The successor was never used: the client presenting this token again most likely
+    // never received it.
+    bool successorUnused = false;
+    if (rotated && !retried && !successor.isEmpty()) {
+        QSqlQuery follower(db);
+        follower.prepare(u"SELECT rotated_at, revoked_at FROM refresh_tokens WHERE token_hash = ?"_s
+            + (m_dialect == Dialect::Postgres ? u" FOR UPDATE"_s : QString()));
+        follower.addBindValue(successor);
+        if (!run(follower)) {
+            rollback();
+            return result;
+        }
+        successorUnused = follower.next() && follower.value(0).isNull() && follower.value(1).isNull();
+        follower.finish();
+    }
+    const bool retry = rotated && !retried && successorUnused && now - rotatedAt < retrySeconds && expiresAt > now;
+
+    if (rotated && !retry) {
         // Someone holds a copy of a token that was already exchanged: either the client or
         // a thief is replaying it. Ending the whole family signs both out.
         QSqlQuery revoke(db);
@@ -437,9 +495,71 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         result.outcome = Outcome::Reused;
         return result;
     }
-    rollback();
-    result.outcome = expiresAt <= now ? Outcome::Expired : Outcome::Failed;
+    if (!rotated) {
+        rollback();
+        result.outcome = expiresAt <= now ? Outcome::Expired : Outcome::Failed;
+        return result;
+    }
+
+    // The retry, once only. The successor nobody received counts as exchanged (and retried)
+    // from now on, so that whoever shows it later is treated as the copy it would be.
+    QSqlQuery retire(db);
+    retire.prepare(u"UPDATE refresh_tokens SET rotated_at = ?, retried_at = ?, replaced_by = ? WHERE token_hash = ?"_s);
+    retire.addBindValue(now);
+    retire.addBindValue(now);
+    retire.addBindValue(nextHash);
+    retire.addBindValue(successor);
+    QSqlQuery markRetried(db);
+    markRetried.prepare(u"UPDATE refresh_tokens SET retried_at = ?, replaced_by = ? WHERE token_hash = ?"_s);
+    markRetried.addBindValue(now);
+    markRetried.addBindValue(nextHash);
+    markRetried.addBindValue(presentedHash);
+    if (!run(retire) || !run(markRetried)) {
+        rollback();
+        return result;
+    }
+    issue(family, accountId);
     return result;
+}
+
+std::optional<bool> TokenStore::familyRevoked(const QString& family)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlQuery query(database(m_connection));
+        query.prepare(u"SELECT EXISTS (SELECT 1 FROM refresh_tokens WHERE family = ? AND revoked_at IS NOT NULL)"_s);
+        query.addBindValue(family);
+        if (run(query)) {
+            if (!query.next())
+                return std::nullopt;
+            return query.value(0).toBool();
+        }
+        if (!reconnected())
+            break;
+    }
+    return std::nullopt;
+}
+
+bool TokenStore::useOnce(const QString& value, qint64 now, qint64 expiresAt)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QSqlDatabase db = database(m_connection);
+        QSqlQuery forget(db);
+        forget.prepare(u"DELETE FROM used_once WHERE expires_at <= ?"_s);
+        forget.addBindValue(now);
+        // Both SQLite and PostgreSQL know this form; no row is added when the value was used.
+        QSqlQuery insert(db);
+        insert.prepare(
+            u"INSERT INTO used_once(value_hash, expires_at) VALUES (?, ?) ON CONFLICT (value_hash) DO NOTHING"_s);
+        insert.addBindValue(hashToken(value));
+        insert.addBindValue(expiresAt);
+        if (run(forget) && run(insert))
+            return insert.numRowsAffected() == 1;
+        // Should the insert have landed just before the connection dropped, the second one
+        // refuses the value: the page is loaded again, which is better than letting it through twice.
+        if (!reconnected())
+            break;
+    }
+    return false;
 }
 
 int TokenStore::activeSignIns(qint64 accountId, qint64 now)

@@ -11,7 +11,8 @@ class QSqlQuery;
 // Accounts and refresh tokens in SQLite (a local file) or PostgreSQL (shared by replicas on
 // several machines). Refresh tokens are kept only as SHA-256 hashes; every refresh rotates
 // the token, and presenting a token that was already rotated revokes its whole family (the
-// chain of tokens that came from one sign-in).
+// chain of tokens that came from one sign-in), except for one retry shortly after a rotation
+// whose new token was never used.
 //
 // Everything lives in the database and nothing in memory, so several server processes can
 // share one database and any of them can answer.
@@ -29,7 +30,12 @@ public:
         Outcome outcome = Outcome::Failed;
         Account account;
         QString refreshToken; // the new token, only when rotated
+        QString family; // only when rotated
     };
+
+    // A token rotated less than this long ago may be presented once more: the client may
+    // have lost the answer that carried its successor (a crash, a dropped connection).
+    static constexpr qint64 retrySeconds = 60;
 
     TokenStore();
     ~TokenStore();
@@ -40,18 +46,22 @@ public:
     bool open(const QString& path, QString* error);
     bool openPostgres(const PostgresConnection& connection, QString* error);
     // The version of the tables, recorded in schema_version.
-    static constexpr int schemaVersion = 1;
+    static constexpr int schemaVersion = 2;
 
     std::optional<Account> ensureAccount(const QString& name);
     std::optional<Account> accountByName(const QString& name);
 
     // A new family with its first token; returns the token, or nothing on failure.
-    std::optional<QString> startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds);
+    std::optional<QString> startFamily(qint64 accountId, qint64 now, qint64 lifetimeSeconds, QString* family = nullptr);
     Rotation rotate(const QString& presented, qint64 now, qint64 lifetimeSeconds);
     // Revokes every refresh token of the account and retires its live access tokens.
     // Returns how many sign-ins were still active, or -1 on failure.
     int signOutEverywhere(qint64 accountId, qint64 now);
     int activeSignIns(qint64 accountId, qint64 now);
+    // True when the family was revoked (a reused token, or sign out everywhere); nothing on failure.
+    std::optional<bool> familyRevoked(const QString& family);
+    // Records a single-use value until `expiresAt`; false when it was recorded before (or on failure).
+    bool useOnce(const QString& value, qint64 now, qint64 expiresAt);
 
     static QString hashToken(const QString& token);
     static QString newOpaqueToken();

@@ -1,5 +1,6 @@
 #include "ApiServer.h"
 #include "AuthService.h"
+#include "Capacity.h"
 #include "ChatTextEngine.h"
 #include "Log.h"
 #include "Options.h"
@@ -10,12 +11,15 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QPointer>
 #include <QSocketNotifier>
 #include <QThread>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -92,6 +96,9 @@ int main(int argc, char* argv[])
     }
     const ServerOptions& options = parsed.options;
     quitOnTerminationSignals(app);
+    // Everything this process creates (database, its journal files, the signing key, the
+    // data directory) is the user's alone, whatever umask it was started with.
+    ::umask(077);
 
     QString error;
     if (!makePrivateDirectory(options.dataDir, &error))
@@ -122,7 +129,7 @@ int main(int argc, char* argv[])
         return failStart(u"speech engine: %1"_s.arg(error));
     Log::line(Log::Kind::Audio,
         u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
-            .arg(options.preloadDecoders)
+            .arg(std::max(options.preloadDecoders, speech.lanes()))
             .arg(options.model.acousticModel));
 
     RuleTextEngine rules;
@@ -164,5 +171,35 @@ int main(int argc, char* argv[])
     api.setBrowserOrigins(origins);
     Log::line(Log::Kind::Success, u"API listening on http://%1:%2"_s.arg(host).arg(apiPort));
     Log::line(Log::Kind::Success, u"web site listening on http://%1:%2"_s.arg(host).arg(sitePort));
+
+    // Measured once in the background, so the listeners answer at once; until the figure
+    // arrives (well under a second) the limit is the option's default.
+    const int cores = std::min(speech.lanes(), std::max(1, QThread::idealThreadCount()));
+    speech.measureRealTimeFactor(Capacity::calibrationClip(), [api = QPointer(&api), &options, cores](double factor) {
+        // Posted to the application, which outlives the API server; the server is checked there.
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [api, &options, cores, factor] {
+                if (!api)
+                    return;
+                if (!(factor > 0)) {
+                    Log::line(Log::Kind::Warning,
+                        u"capacity: the speech engine could not be measured; %1 streams at once"_s.arg(
+                            options.limits.maxStreams));
+                    return;
+                }
+                const int capacity = Capacity::streams(cores, factor);
+                const QString measured = u"%1 cores, real-time factor %2"_s.arg(cores).arg(factor, 0, 'f', 3);
+                if (!options.measureStreamLimit) {
+                    Log::line(Log::Kind::Info,
+                        u"capacity: %1 streams (%2); --max-streams %3 applies"_s.arg(capacity).arg(measured).arg(
+                            options.limits.maxStreams));
+                    return;
+                }
+                api->setStreamLimit(capacity);
+                Log::line(Log::Kind::Info, u"capacity: %1 streams (%2)"_s.arg(capacity).arg(measured));
+            },
+            Qt::QueuedConnection);
+    });
     return app.exec();
 }

@@ -1,7 +1,8 @@
 // Two quillet-server replicas sharing one PostgreSQL database and one signing key, behind
 // HAProxy with the repository's configuration: a sign-in on one replica works on the other,
-// a stream goes through the balancer, refreshes alternate between the replicas, and the
-// same refresh token sent twenty times at once to both replicas rotates exactly once.
+// a stream goes through the balancer, refreshes alternate between the replicas, a lost
+// rotation can be retried once on the other replica, and the same refresh token sent twenty
+// times at once to both replicas rotates once and is retried once.
 #include "LoadBalancer.h"
 #include "PostgresCluster.h"
 #include "ServerProcess.h"
@@ -134,8 +135,13 @@ private Q_SLOTS:
         QSqlQuery versions(db);
         QVERIFY2(versions.exec(u"SELECT version FROM schema_version"_s), qPrintable(versions.lastError().text()));
         QVERIFY(versions.next());
-        QCOMPARE(versions.value(0).toInt(), 1);
+        QCOMPARE(versions.value(0).toInt(), 2);
         QVERIFY2(!versions.next(), "schema_version has more than one row");
+        QSqlQuery columns(db);
+        QVERIFY2(columns.exec(u"SELECT replaced_by, retried_at FROM refresh_tokens LIMIT 1"_s),
+            qPrintable(columns.lastError().text()));
+        QSqlQuery usedOnce(db);
+        QVERIFY2(usedOnce.exec(u"SELECT COUNT(*) FROM used_once"_s), qPrintable(usedOnce.lastError().text()));
         QSqlQuery accounts(db);
         QVERIFY(accounts.exec(u"SELECT COUNT(*) FROM accounts WHERE name = 'ada'"_s) && accounts.next());
         QCOMPARE(accounts.value(0).toInt(), 1);
@@ -230,7 +236,106 @@ private Q_SLOTS:
         QCOMPARE(cleanupStatus(*m_second, last.json().value(u"access_token"_s).toString()), 200);
     }
 
-    void concurrentRefreshesRotateOnce()
+    void lostRotationCanBeRetriedOnceOnTheOtherReplica()
+    {
+        QString error;
+        const TokenPair first = signInThroughSite(m_http, *m_first, &error);
+        QVERIFY2(!first.refresh.isEmpty(), qPrintable(error));
+        // The first replica rotates, but its answer never reaches the client.
+        const HttpResult lost = refresh(m_first->apiUrl(u"/auth/refresh"_s), first.refresh);
+        QCOMPARE(lost.status, 200);
+        const QString lostRefresh = lost.json().value(u"refresh_token"_s).toString();
+
+        // The client tries again with the token it still has and lands on the other replica.
+        const HttpResult retried = refresh(m_second->apiUrl(u"/auth/refresh"_s), first.refresh);
+        QCOMPARE(retried.status, 200);
+        const QString access = retried.json().value(u"access_token"_s).toString();
+        const QString next = retried.json().value(u"refresh_token"_s).toString();
+        QVERIFY(next.startsWith(u"qrt_"_s));
+        QVERIFY(next != lostRefresh);
+        QCOMPARE(cleanupStatus(*m_first, access), 200);
+
+        QSqlQuery rows(database());
+        rows.prepare(u"SELECT replaced_by, retried_at IS NOT NULL, rotated_at IS NOT NULL FROM refresh_tokens"
+                     " WHERE token_hash = ?"_s);
+        for (const QString& token : { first.refresh, lostRefresh }) {
+            rows.addBindValue(tokenHash(token));
+            QVERIFY2(rows.exec() && rows.next(), qPrintable(rows.lastError().text()));
+            QCOMPARE(rows.value(0).toString(), tokenHash(next));
+            QVERIFY(rows.value(1).toBool());
+            QVERIFY(rows.value(2).toBool());
+        }
+
+        // Only once: the same token a third time is a copy, and ends the family, access
+        // tokens included, on both replicas.
+        QCOMPARE(refresh(m_first->apiUrl(u"/auth/refresh"_s), first.refresh).status, 401);
+        QCOMPARE(refresh(m_second->apiUrl(u"/auth/refresh"_s), next).status, 401);
+        QCOMPARE(cleanupStatus(*m_first, access), 401);
+        QCOMPARE(cleanupStatus(*m_second, access), 401);
+        QSqlQuery live(database());
+        live.prepare(u"SELECT COUNT(*), COUNT(*) FILTER (WHERE revoked_at IS NULL) FROM refresh_tokens"
+                     " WHERE family = (SELECT family FROM refresh_tokens WHERE token_hash = ?)"_s);
+        live.addBindValue(tokenHash(first.refresh));
+        QVERIFY2(live.exec() && live.next(), qPrintable(live.lastError().text()));
+        QCOMPARE(live.value(0).toInt(), 3);
+        QCOMPARE(live.value(1).toInt(), 0);
+    }
+
+    // Two retries of one lost rotation that reach the database at the same moment, one on
+    // each replica: both wait on the token's row, which the test holds locked, until it lets
+    // go. Exactly one gets the retry; the other finds it spent and revokes the family.
+    void simultaneousRetriesOnBothReplicasGetOnePair()
+    {
+        QString error;
+        const TokenPair first = signInThroughSite(m_http, *m_second, &error);
+        QVERIFY2(!first.refresh.isEmpty(), qPrintable(error));
+        QCOMPARE(refresh(m_second->apiUrl(u"/auth/refresh"_s), first.refresh).status, 200);
+
+        QSqlDatabase db = database();
+        QVERIFY(db.transaction());
+        QSqlQuery hold(db);
+        hold.prepare(u"SELECT token_hash FROM refresh_tokens WHERE token_hash = ? FOR UPDATE"_s);
+        hold.addBindValue(tokenHash(first.refresh));
+        QVERIFY2(hold.exec() && hold.next(), qPrintable(hold.lastError().text()));
+
+        const QByteArray body
+            = QJsonDocument(QJsonObject { { u"refresh_token"_s, first.refresh } }).toJson(QJsonDocument::Compact);
+        QNetworkAccessManager managers[2];
+        QList<QNetworkReply*> replies;
+        for (int i = 0; i < 2; ++i) {
+            QNetworkRequest request((i == 0 ? *m_first : *m_second).apiUrl(u"/auth/refresh"_s));
+            request.setHeader(QNetworkRequest::ContentTypeHeader, u"application/json"_s);
+            replies << managers[i].post(request, body);
+        }
+        // Both requests reach the database and wait there for the row.
+        QTest::qWait(1'000);
+        QVERIFY(!replies.at(0)->isFinished() && !replies.at(1)->isFinished());
+        QVERIFY(db.rollback());
+        QTRY_VERIFY_WITH_TIMEOUT(replies.at(0)->isFinished() && replies.at(1)->isFinished(), 20'000);
+
+        QList<int> statuses;
+        QString access;
+        for (QNetworkReply* reply : std::as_const(replies)) {
+            statuses << reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+            if (statuses.back() == 200)
+                access = QJsonDocument::fromJson(reply->readAll()).object().value(u"access_token"_s).toString();
+            reply->deleteLater();
+        }
+        std::sort(statuses.begin(), statuses.end());
+        QCOMPARE(statuses, (QList<int> { 200, 401 }));
+        // The loser's reuse revoked the family after the winner's retry.
+        QVERIFY(!access.isEmpty());
+        QCOMPARE(cleanupStatus(*m_first, access), 401);
+        QSqlQuery live(db);
+        live.prepare(u"SELECT COUNT(*), COUNT(*) FILTER (WHERE revoked_at IS NULL) FROM refresh_tokens"
+                     " WHERE family = (SELECT family FROM refresh_tokens WHERE token_hash = ?)"_s);
+        live.addBindValue(tokenHash(first.refresh));
+        QVERIFY2(live.exec() && live.next(), qPrintable(live.lastError().text()));
+        QCOMPARE(live.value(0).toInt(), 3); // the token, its lost successor, the one retry
+        QCOMPARE(live.value(1).toInt(), 0);
+    }
+
+    void concurrentRefreshesRotateOnceAndRetryOnce()
     {
         QString error;
         const TokenPair pair = signInThroughSite(m_http, *m_second, &error);
@@ -257,12 +362,12 @@ private Q_SLOTS:
             60'000);
 
         QList<int> statuses;
-        QString winner;
+        QStringList winners;
         for (QNetworkReply* reply : std::as_const(replies)) {
             const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
             statuses << status;
             if (status == 200)
-                winner = QJsonDocument::fromJson(reply->readAll()).object().value(u"refresh_token"_s).toString();
+                winners << QJsonDocument::fromJson(reply->readAll()).object().value(u"refresh_token"_s).toString();
         }
         qInfo("statuses: %s",
             qPrintable(QStringList([&statuses] {
@@ -272,20 +377,26 @@ private Q_SLOTS:
                 return out;
             }())
                            .join(u' ')));
-        QCOMPARE(statuses.count(200), 1);
-        QCOMPARE(statuses.count(401), requests - 1);
-        QVERIFY(winner.startsWith(u"qrt_"_s));
+        // One request rotates the token; the next one to look at it finds its successor
+        // unused and gets the one retry a lost answer is allowed; every later one is a reuse.
+        QCOMPARE(statuses.count(200), 2);
+        QCOMPARE(statuses.count(401), requests - 2);
+        QCOMPARE(winners.size(), 2);
+        QVERIFY(winners.at(0).startsWith(u"qrt_"_s) && winners.at(1).startsWith(u"qrt_"_s));
+        QVERIFY(winners.at(0) != winners.at(1));
 
-        // The reuse revoked the whole family, the winner's new token included.
+        // The reuse revoked the whole family, both winners' new tokens included.
         QSqlQuery live(database());
         live.prepare(u"SELECT COUNT(*), COUNT(*) FILTER (WHERE revoked_at IS NULL) FROM refresh_tokens"
                      " WHERE family = (SELECT family FROM refresh_tokens WHERE token_hash = ?)"_s);
         live.addBindValue(tokenHash(pair.refresh));
         QVERIFY2(live.exec() && live.next(), qPrintable(live.lastError().text()));
-        QCOMPARE(live.value(0).toInt(), 2); // the token presented and the one it was rotated into
+        QCOMPARE(live.value(0).toInt(), 3); // the token presented, its rotation and its retry
         QCOMPARE(live.value(1).toInt(), 0);
-        QCOMPARE(refresh(m_first->apiUrl(u"/auth/refresh"_s), winner).status, 401);
-        QCOMPARE(refresh(m_second->apiUrl(u"/auth/refresh"_s), winner).status, 401);
+        for (const QString& winner : std::as_const(winners)) {
+            QCOMPARE(refresh(m_first->apiUrl(u"/auth/refresh"_s), winner).status, 401);
+            QCOMPARE(refresh(m_second->apiUrl(u"/auth/refresh"_s), winner).status, 401);
+        }
 
         const QByteArray logs = m_first->output() + m_second->output();
         QVERIFY(logs.contains("refresh refused: token reused; its family is revoked (account ada)"));
