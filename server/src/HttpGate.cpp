@@ -82,13 +82,12 @@ public:
 
         m_headerTimer.setSingleShot(true);
         m_headerTimer.setInterval(m_settings.headerTimeoutMs);
+        // 408 also for a connection that seems never to have asked for anything: bytes that
+        // came with the connection itself may have gone to QHttpServer before this watch
+        // saw them, and an idle connection may be told 408 before it is closed anyway.
         connect(&m_headerTimer, &QTimer::timeout, this, [this] {
-            if (m_framer.inRequest()) {
-                stop({ 408, u"REQUEST_TIMEOUT"_s,
-                    u"The request did not arrive within %1 ms."_s.arg(m_settings.headerTimeoutMs), {} });
-                return;
-            }
-            m_socket->disconnectFromHost(); // opened, and never asked for anything
+            stop({ 408, u"REQUEST_TIMEOUT"_s,
+                u"The request did not arrive within %1 ms."_s.arg(m_settings.headerTimeoutMs), {} });
         });
         m_idleTimer.setSingleShot(true);
         m_idleTimer.setInterval(m_settings.keepAliveTimeoutMs);

@@ -360,11 +360,19 @@ private Q_SLOTS:
             return std::all_of(sockets.begin(), sockets.end(),
                 [](const auto& socket) { return socket->state() == QAbstractSocket::UnconnectedState; });
         };
-        QByteArray firstAnswer;
-        connect(
-            halfSent.front().get(), &QTcpSocket::readyRead, this, [&] { firstAnswer += halfSent.front()->readAll(); });
+        std::vector<QByteArray> answers(halfSent.size());
+        for (size_t i = 0; i < halfSent.size(); ++i) {
+            QTcpSocket* socket = halfSent[i].get();
+            connect(socket, &QTcpSocket::readyRead, this, [&answers, socket, i] { answers[i] += socket->readAll(); });
+        }
         QTRY_VERIFY_WITH_TIMEOUT(allClosed(halfSent) && allClosed(silent), 15'000);
-        QVERIFY2(firstAnswer.startsWith("HTTP/1.1 408"), firstAnswer.left(80).constData());
+        int timedOut = 0;
+        for (size_t i = 0; i < halfSent.size(); ++i) {
+            // The answer and the close can arrive in one read, before readyRead is handled.
+            answers[i] += halfSent[i]->readAll();
+            timedOut += answers[i].startsWith("HTTP/1.1 408") ? 1 : 0;
+        }
+        QCOMPARE(timedOut, int(halfSent.size()));
         QCOMPARE(m_http.get(m_quick.apiUrl(u"/health"_s)).status, 200);
         // Every one of those descriptors is given back (the health request's own
         // connection may still be open).
