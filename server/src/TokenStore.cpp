@@ -464,10 +464,15 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         return result;
     }
 
+    // Old enough to be a client trying again after its request failed, and not too old: see
+    // retryMinimumSeconds and retrySeconds.
+    const qint64 age = now - rotatedAt;
+    const bool inRetryWindow = rotated && age >= retryMinimumSeconds && age < retrySeconds;
+
     // The successor was never used: the client presenting this token again most likely
     // never received it.
     bool successorUnused = false;
-    if (rotated && !retried && !successor.isEmpty()) {
+    if (inRetryWindow && !retried && !successor.isEmpty()) {
         QSqlQuery follower(db);
         follower.prepare(u"SELECT rotated_at, revoked_at FROM refresh_tokens WHERE token_hash = ?"_s
             + (m_dialect == Dialect::Postgres ? u" FOR UPDATE"_s : QString()));
@@ -479,7 +484,7 @@ TokenStore::Rotation TokenStore::rotateOnce(const QString& presented, qint64 now
         successorUnused = follower.next() && follower.value(0).isNull() && follower.value(1).isNull();
         follower.finish();
     }
-    const bool retry = rotated && !retried && successorUnused && now - rotatedAt < retrySeconds && expiresAt > now;
+    const bool retry = inRetryWindow && !retried && successorUnused && expiresAt > now;
 
     if (rotated && !retry) {
         // Someone holds a copy of a token that was already exchanged: either the client or

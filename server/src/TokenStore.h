@@ -36,6 +36,13 @@ public:
     // A token rotated less than this long ago may be presented once more: the client may
     // have lost the answer that carried its successor (a crash, a dropped connection).
     static constexpr qint64 retrySeconds = 60;
+    // ... but only once the rotation is at least this old. A client that lost its answer
+    // presents the token again only after its own request failed (a later refresh, a
+    // restart); copies of one request sent at once arrive within milliseconds of each other,
+    // and one of them must not pass for that retry. The times are whole seconds, so an age of
+    // 2 means at least one full second has gone by since the rotation; anything younger is a
+    // reuse and revokes the family.
+    static constexpr qint64 retryMinimumSeconds = 2;
 
     TokenStore();
     ~TokenStore();

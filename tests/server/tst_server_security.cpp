@@ -85,6 +85,33 @@ private:
         return ok;
     }
 
+    // Moves the rotation of `token` back by `seconds`, as if that long had passed since; true
+    // when exactly that token's row was changed.
+    bool ageRotation(const QString& token, qint64 seconds)
+    {
+        int changed = -1;
+        {
+            QSqlDatabase db = QSqlDatabase::addDatabase(u"QSQLITE"_s, u"age"_s);
+            db.setDatabaseName(m_server->dataDir() + u"/data/quillet.db"_s);
+            if (db.open()) {
+                QSqlQuery query(db);
+                query.prepare(u"UPDATE refresh_tokens SET rotated_at = rotated_at - ?"
+                              " WHERE token_hash = ? AND rotated_at IS NOT NULL"_s);
+                query.addBindValue(seconds);
+                query.addBindValue(TokenStore::hashToken(token));
+                if (query.exec())
+                    changed = query.numRowsAffected();
+                db.close();
+            }
+        }
+        QSqlDatabase::removeDatabase(u"age"_s);
+        return changed == 1;
+    }
+
+    // Long enough after a rotation for a client to have noticed its request failed and tried
+    // again, well inside the retry window.
+    static constexpr qint64 retryAge = TokenStore::retryMinimumSeconds + 3;
+
     QString formToken(const QString& path)
     {
         const HttpResult page = m_http.get(m_server->siteUrl(path));
@@ -155,6 +182,7 @@ private Q_SLOTS:
         const HttpResult lost = refresh(first.refresh);
         QCOMPARE(lost.status, 200);
         const QString lostRefresh = lost.json().value(u"refresh_token"_s).toString();
+        QVERIFY(ageRotation(first.refresh, retryAge));
 
         // The client retries with the token it still has, and carries on.
         const HttpResult retried = refresh(first.refresh);
@@ -178,11 +206,80 @@ private Q_SLOTS:
     {
         const TokenPair first = signIn();
         const QString lostRefresh = refresh(first.refresh).json().value(u"refresh_token"_s).toString();
+        QVERIFY(!lostRefresh.isEmpty());
+        QVERIFY(ageRotation(first.refresh, retryAge));
         const HttpResult retried = refresh(first.refresh);
         QCOMPARE(retried.status, 200);
         // The answer that was lost turns up after all: whoever has it is not the client.
         QCOMPARE(refresh(lostRefresh).status, 401);
         QCOMPARE(refresh(retried.json().value(u"refresh_token"_s).toString()).status, 401);
+    }
+
+    // The same token presented again at once, as a duplicate of one request would be: too
+    // soon to be a client that lost its answer, so a copy, and the family ends.
+    void secondPresentationYoungerThanTheMinimumAgeRevokes()
+    {
+        const TokenPair first = signIn();
+        const HttpResult second = refresh(first.refresh);
+        QCOMPARE(second.status, 200);
+        const QString access = second.json().value(u"access_token"_s).toString();
+        const QString successor = second.json().value(u"refresh_token"_s).toString();
+        QCOMPARE(cleanupStatus(access), 200);
+
+        QCOMPARE(refresh(first.refresh).status, 401);
+        QCOMPARE(refresh(successor).status, 401);
+        QCOMPARE(cleanupStatus(access), 401);
+        QCOMPARE(cleanupStatus(first.access), 401);
+        QCOMPARE(streamVerdict(access), u"INVALID_TOKEN"_s);
+        // Presented again once old enough, it is still refused: the family is gone.
+        QVERIFY(ageRotation(first.refresh, retryAge));
+        QCOMPARE(refresh(first.refresh).status, 401);
+    }
+
+    // Where the retry window starts and ends, on the store with times of the test's choosing.
+    void retryWindowBounds_data()
+    {
+        QTest::addColumn<qint64>("age");
+        QTest::addColumn<bool>("retried");
+        QTest::newRow("same second") << qint64(0) << false;
+        QTest::newRow("just under the minimum") << TokenStore::retryMinimumSeconds - 1 << false;
+        QTest::newRow("the minimum") << TokenStore::retryMinimumSeconds << true;
+        QTest::newRow("last second of the window") << TokenStore::retrySeconds - 1 << true;
+        QTest::newRow("end of the window") << TokenStore::retrySeconds << false;
+    }
+
+    void retryWindowBounds()
+    {
+        QFETCH(qint64, age);
+        QFETCH(bool, retried);
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        TokenStore store;
+        QString error;
+        QVERIFY2(store.open(dir.filePath(u"quillet.db"_s), &error), qPrintable(error));
+        const auto owner = store.ensureAccount(u"bounds"_s);
+        QVERIFY(owner);
+        const qint64 now = QDateTime::currentSecsSinceEpoch();
+        QString family;
+        const auto token = store.startFamily(owner->id, now, 3600, &family);
+        QVERIFY(token);
+        const TokenStore::Rotation lost = store.rotate(*token, now, 3600);
+        QCOMPARE(lost.outcome, TokenStore::Outcome::Rotated);
+
+        const TokenStore::Rotation again = store.rotate(*token, now + age, 3600);
+        if (retried) {
+            QCOMPARE(again.outcome, TokenStore::Outcome::Rotated);
+            QCOMPARE(again.family, family);
+            QVERIFY(!again.refreshToken.isEmpty() && again.refreshToken != lost.refreshToken);
+            QCOMPARE(store.familyRevoked(family), std::optional<bool>(false));
+            // The successor nobody received is retired with the retry.
+            QCOMPARE(store.rotate(lost.refreshToken, now + age, 3600).outcome, TokenStore::Outcome::Reused);
+        } else {
+            QCOMPARE(again.outcome, TokenStore::Outcome::Reused);
+            QVERIFY(again.refreshToken.isEmpty());
+            QCOMPARE(store.rotate(lost.refreshToken, now + age, 3600).outcome, TokenStore::Outcome::Revoked);
+        }
+        QCOMPARE(store.familyRevoked(family), std::optional<bool>(true));
     }
 
     void replayAfterTheRetryWindowRevokes()
@@ -328,10 +425,11 @@ private Q_SLOTS:
             const TokenStore::Rotation lost = store.rotate(*first, now, 3600);
             QCOMPARE(lost.outcome, TokenStore::Outcome::Rotated);
             QCOMPARE(lost.family, family);
-            const TokenStore::Rotation retried = store.rotate(*first, now + 1, 3600);
+            const qint64 retryAt = now + TokenStore::retryMinimumSeconds;
+            const TokenStore::Rotation retried = store.rotate(*first, retryAt, 3600);
             QCOMPARE(retried.outcome, TokenStore::Outcome::Rotated);
             QVERIFY(retried.refreshToken != lost.refreshToken);
-            QCOMPARE(store.rotate(*first, now + 2, 3600).outcome, TokenStore::Outcome::Reused);
+            QCOMPARE(store.rotate(*first, retryAt + 1, 3600).outcome, TokenStore::Outcome::Reused);
             QCOMPARE(store.familyRevoked(family), std::optional<bool>(true));
 
             QVERIFY(store.useOnce(u"form:x"_s, now, now + 600));
