@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <QCoroSignal>
+#include <QCoroTimer>
 
 #include <thread>
 
@@ -193,10 +194,7 @@ struct Fixture {
     // An answer that arrives a turn of the event loop later, as a network reply would.
     static QCoro::Task<std::optional<QString>> answer(std::optional<QString> text)
     {
-        QTimer timer;
-        timer.setSingleShot(true);
-        timer.start(5ms);
-        co_await qCoro(&timer, &QTimer::timeout);
+        co_await QCoro::sleepFor(5ms);
         co_return text;
     }
 
@@ -224,7 +222,9 @@ struct Fixture {
     {
         if (!made.expired())
             stream->resolve(notSignedIn());
-        QTest::qWaitFor([this] { return made.expired(); }, 2000);
+        // Its lambdas would write into a fixture that is gone: stop here rather than later.
+        if (!QTest::qWaitFor([this] { return made.expired(); }, 5000))
+            qFatal("a dictation session outlived its test");
     }
 
     static StreamConnectFailure notSignedIn()
@@ -311,6 +311,7 @@ private Q_SLOTS:
         env.apiBaseURL = [] { return u"https://api.example.com"_s; };
         auto session = DictationSession::create(
             true, [] {}, env);
+        f.made = session; // the fixture waits for it to go
         session->start();
         QVERIFY(out.lines().contains(u"▶️ [Quillet] DictationSession.start (tone=true)"_s));
         QVERIFY(out.lines().contains(u"🔌 [Quillet] connecting WebSocket → wss://api.example.com/ws/transcribe"_s));
