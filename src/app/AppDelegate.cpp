@@ -122,8 +122,17 @@ void AppDelegate::hotkeyBegan(bool isToneMode)
     QMetaObject::invokeMethod(
         this,
         [this, isToneMode] {
-            if (m_dictationSession)
-                return; // the previous dictation is still finishing
+            if (m_dictationSession) {
+                // The second press of a double tap asks for tone mode; the dictation its first
+                // tap started has heard nothing and gives way. Any other press while a
+                // dictation is finishing is refused.
+                const bool firstTapOfThisDoubleTap = isToneMode && !m_dictationSession->toneMode()
+                    && m_dictationSession->stopped() && m_dictationSession->accumulated().trimmed().isEmpty();
+                if (!firstTapOfThisDoubleTap)
+                    return;
+                m_dictationSession->abandon();
+                m_dictationSession.reset();
+            }
             const QPointer<AppDelegate> self(this);
             m_dictationSession = DictationSession::create(
                 isToneMode,

@@ -45,6 +45,7 @@ public:
 
     MenuBarController* menuBarController() const { return m_menuBarController.get(); }
     bool hasDictationSession() const { return m_dictationSession != nullptr; }
+    DictationSession* dictationSession() const { return m_dictationSession.get(); }
     OnboardingWindow* onboardingWindow() const { return m_onboardingWindow; }
     SettingsWindow* settingsWindow() const { return m_settingsWindow; }
 

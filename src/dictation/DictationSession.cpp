@@ -187,6 +187,16 @@ void DictationSession::stop()
     });
 }
 
+void DictationSession::abandon()
+{
+    m_failed = true; // the watchdog and a late end of transcript stand down
+    m_onCompleted = nullptr;
+    m_transcriptionService->setDelegate(nullptr, nullptr);
+    if (m_audioCapture)
+        m_audioCapture->stop();
+    closeStream();
+}
+
 void DictationSession::transcriptionDidReceivePartial(const QString& text)
 {
     m_hud->hudState().setPartialText(m_accumulated.isEmpty() ? text : m_accumulated + u' ' + text);

@@ -67,6 +67,9 @@ public:
     void start();
     // The key was released.
     void stop();
+    // The owner gives this dictation up before it heard anything (the first tap of a double
+    // tap): the stream and the capture close, nothing more is shown, onCompleted is dropped.
+    void abandon();
 
     void transcriptionDidReceivePartial(const QString& text) override;
     void transcriptionDidReceiveFinal(const QString& text) override;

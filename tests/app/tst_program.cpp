@@ -143,16 +143,18 @@ private Q_SLOTS:
         // The previous dictation must be over, or the press is refused.
         QTest::qWait(2000);
         const qsizetype from = m_program->lineCount();
-        // A person's double tap: the first tap starts a dictation that ends as soon as its
-        // stream answers, and the second press, a moment later, asks for the tone.
+        // A person's double tap: the first tap starts a dictation, which gives way to the
+        // tone dictation the second press asks for, however far its stream has got.
         QVERIFY(xdotool({ u"key"_s, u"Menu"_s }));
-        QTest::qWait(200);
+        QTest::qWait(150);
         QVERIFY(xdotool({ u"keydown"_s, u"Menu"_s }));
         QVERIFY(m_program->waitForLine(u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s, from));
-        QVERIFY(m_program->waitForLine(u"🎤 [Quillet] audio capture started"_s, from));
+        const auto toneStart = m_program->waitForLine(u"▶️ [Quillet] DictationSession.start (tone=true)"_s, from);
+        QVERIFY(toneStart);
+        QVERIFY(m_program->waitForLine(u"🎤 [Quillet] audio capture started"_s, *toneStart));
         QCOMPARE(Desktop::run(u"paplay"_s, { u"-d"_s, u"mic_feed"_s, m_dir.filePath(u"speech.wav"_s) }), 0);
         QVERIFY(xdotool({ u"keyup"_s, u"Menu"_s }));
-        QVERIFY(m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, from));
+        QVERIFY(m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, *toneStart));
 
         // The capsule now offers the tones: click the first, "Professional", as a user would.
         std::optional<QRect> capsule;

@@ -630,6 +630,22 @@ private Q_SLOTS:
         QCOMPARE(journal.audio.size(), 0);
     }
 
+    void anAbandonedDictationEndsWithoutAWord()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->stop();
+        session->abandon();
+        QCOMPARE(f.count(u"stream.cancel"_s), 1);
+        QVERIFY(f.stream->delegate() == nullptr); // nothing the stream says reaches it any more
+        const qsizetype before = f.journal.events.size();
+        session->transcriptionDidEnd(); // a late end: ignored
+        QTest::qWait(500); // past the watchdog and every linger
+        QCOMPARE(f.completions, 0);
+        QVERIFY(!f.journal.events.mid(before).contains(u"hud.showError"_s));
+        QVERIFY(f.serviceCalls.isEmpty());
+    }
+
     void captureErrorOnlyShowsTheMessage()
     {
         Fixture f;
