@@ -7,6 +7,7 @@
 #include "services/RewriteService.h"
 #include "ui/HUDWindowController.h"
 
+#include <QClipboard>
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QInputMethodEvent>
@@ -17,14 +18,23 @@ namespace {
 
 // Text for one of our own windows (the first-run practice box) goes straight into
 // its focused field. Asking the accessibility bus about ourselves would wait on the
-// very thread that has to answer.
+// very thread that has to answer, so while one of our windows has the focus the
+// system inserter is never used: without a text field there, the text goes to the
+// clipboard (and is in the history either way).
 bool insertIntoOwnWindow(const QString& text)
 {
     if (!QGuiApplication::focusWindow())
         return false;
     QObject* field = QGuiApplication::focusObject();
-    if (!field)
-        return false;
+    QInputMethodQueryEvent query(Qt::ImEnabled);
+    if (field)
+        QCoreApplication::sendEvent(field, &query);
+    if (!field || !query.value(Qt::ImEnabled).toBool()) {
+        QGuiApplication::clipboard()->setText(text);
+        Log::write(Log::Symbol::Warning,
+            u"Quillet's own window has the focus but no text field: the text is on the clipboard"_s);
+        return true;
+    }
     QInputMethodEvent commit;
     commit.setCommitString(text);
     QCoreApplication::sendEvent(field, &commit);

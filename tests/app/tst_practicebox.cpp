@@ -3,6 +3,7 @@
 #include "services/Log.h"
 #include "ui/OnboardingWindow.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -35,6 +36,22 @@ private Q_SLOTS:
         DictationEnvironment::system().insert(dictated);
         QCOMPARE(box->property("text").toString(), dictated);
         QCOMPARE(WindowTestTools::findItem(step, u"primaryButton"_s)->property("text").toString(), u"Continue"_s);
+    }
+
+    void withoutATextFieldTheTextGoesToTheClipboard()
+    {
+        OnboardingWindow window([] {});
+        window.showAndRaise();
+        QQuickItem* root = window.rootItem();
+        QVERIFY(root);
+        root->setProperty("step", 0); // the welcome: buttons, no text field
+        QTRY_VERIFY(QGuiApplication::focusWindow() != nullptr);
+        QQuickItem* focused = window.rootItem()->window()->activeFocusItem();
+        QVERIFY(!focused || !focused->inputMethodQuery(Qt::ImEnabled).toBool());
+
+        const QString dictated = u"Nowhere to type this."_s;
+        DictationEnvironment::system().insert(dictated);
+        QTRY_COMPARE(QGuiApplication::clipboard()->text(), dictated);
     }
 };
 
