@@ -2,33 +2,45 @@
 # Runs a command inside a private, headless desktop session and tears it down after:
 #   X server (Xvfb), session bus, accessibility bus, PulseAudio with a virtual
 #   microphone, and an unlocked Secret Service (gnome-keyring).
-# Usage: scripts/desktop-session.sh [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]
+# Usage: scripts/desktop-session.sh [--wayland [--no-xwayland]] [--no-a11y] [--no-keyring] [--no-sound]
+#                                   [--] command [args...]
+# --wayland runs a headless sway (a Wayland compositor with Xwayland) instead of Xvfb,
+# with a virtual keyboard on its seat; --no-xwayland leaves Xwayland out.
 # Inside a session already (QUILLET_DESKTOP_SESSION=1) it just runs the command.
 #
 # The session gets its own HOME and XDG directories under a temporary folder, so
 # nothing the command writes (settings, keyring, tokens) touches the real user.
 # Useful variables inside: DISPLAY, DBUS_SESSION_BUS_ADDRESS, PULSE_SERVER,
 # QUILLET_MIC_SINK (play into it to speak into the microphone: paplay -d "$QUILLET_MIC_SINK" f.wav),
-# QUILLET_MIC_SOURCE (the virtual microphone, the default source).
+# QUILLET_MIC_SOURCE (the virtual microphone, the default source); with --wayland also
+# WAYLAND_DISPLAY, SWAYSOCK (swaymsg talks to the compositor), XDG_SESSION_TYPE=wayland,
+# and DISPLAY for its Xwayland (unset with --no-xwayland).
 set -euo pipefail
 
-a11y=1 keyring=1 sound=1
+a11y=1 keyring=1 sound=1 wayland=0 xwayland=1
 while [ $# -gt 0 ]; do
   case "$1" in
     --no-a11y) a11y=0; shift ;;
     --no-keyring) keyring=0; shift ;;
     --no-sound) sound=0; shift ;;
+    --wayland) wayland=1; shift ;;
+    --no-xwayland) xwayland=0; shift ;;
     --) shift; break ;;
     *) break ;;
   esac
 done
-[ $# -gt 0 ] || { echo "usage: $0 [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2; exit 2; }
+[ $# -gt 0 ] || {
+  echo "usage: $0 [--wayland [--no-xwayland]] [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2
+  exit 2
+}
 
 if [ "${QUILLET_DESKTOP_SESSION:-}" = 1 ]; then
   exec "$@"
 fi
 
-for tool in Xvfb dbus-run-session; do
+tools=(Xvfb dbus-run-session)
+[ "$wayland" = 1 ] && tools=(sway wtype swaymsg dbus-run-session)
+for tool in "${tools[@]}"; do
   command -v "$tool" >/dev/null || { echo "desktop-session: $tool is missing; run scripts/install-deps.sh" >&2; exit 1; }
 done
 
@@ -46,19 +58,22 @@ if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
   trap cleanup EXIT
   trap 'exit 130' INT TERM
 
-  # Let the X server pick a free display itself (-displayfd), so sessions started
-  # side by side never race for the same number; it writes the number once it
-  # accepts clients.
-  Xvfb -displayfd 3 -screen 0 1920x1080x24 -nolisten tcp -ac +extension XInputExtension +extension XTEST \
-    3>"$root/display" >"$root/xvfb.log" 2>&1 &
-  xvfb_pid=$!
   display=""
-  for _ in $(seq 1 200); do
-    if [ -s "$root/display" ]; then display=":$(tr -d '[:space:]' <"$root/display")"; break; fi
-    kill -0 "$xvfb_pid" 2>/dev/null || { echo "desktop-session: Xvfb failed:" >&2; cat "$root/xvfb.log" >&2; exit 1; }
-    sleep 0.05
-  done
-  [ -n "$display" ] || { echo "desktop-session: Xvfb did not come up" >&2; exit 1; }
+  if [ "$wayland" = 0 ]; then
+    # Let the X server pick a free display itself (-displayfd), so sessions started
+    # side by side never race for the same number; it writes the number once it
+    # accepts clients.
+    Xvfb -displayfd 3 -screen 0 1920x1080x24 -nolisten tcp -ac +extension XInputExtension +extension XTEST \
+      3>"$root/display" >"$root/xvfb.log" 2>&1 &
+    xvfb_pid=$!
+    display=""
+    for _ in $(seq 1 200); do
+      if [ -s "$root/display" ]; then display=":$(tr -d '[:space:]' <"$root/display")"; break; fi
+      kill -0 "$xvfb_pid" 2>/dev/null || { echo "desktop-session: Xvfb failed:" >&2; cat "$root/xvfb.log" >&2; exit 1; }
+      sleep 0.05
+    done
+    [ -n "$display" ] || { echo "desktop-session: Xvfb did not come up" >&2; exit 1; }
+  fi
 
   # Without a keyring the bus must not start one on demand either: its only
   # service folder is empty, which is what a bare window-manager session without
@@ -99,6 +114,7 @@ WRAP
     XDG_STATE_HOME="$root/state" XDG_CACHE_HOME="$root/cache" XDG_RUNTIME_DIR="$root/runtime" \
     DISPLAY="$display" _QUILLET_SESSION_ROOT="$root" _QUILLET_SESSION_STAGE=2 \
     _QUILLET_A11Y=$a11y _QUILLET_KEYRING=$keyring _QUILLET_SOUND=$sound \
+    _QUILLET_WAYLAND=$wayland _QUILLET_XWAYLAND=$xwayland \
     dbus-run-session "${bus_args[@]}" -- bash ${QUILLET_SESSION_TRACE:+-x} "$0" "$@"
   status=$?
   set -e
@@ -115,6 +131,71 @@ cleanup2() {
   return 0
 }
 trap cleanup2 EXIT
+
+if [ "$_QUILLET_WAYLAND" = 1 ]; then
+  # sway refuses to run as root unless it cannot get root back after dropping it:
+  # a tiny preloaded library makes setuid(0)/setgid(0) fail for it. The library
+  # takes itself out of the environment at once, so the compositor's children
+  # (Xwayland, xkbcomp, whatever a binding runs) never see it.
+  preload=""
+  if [ "$(id -u)" = 0 ]; then
+    cat >"$root/no-root-again.c" <<'C'
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+__attribute__((constructor)) static void leave_environment(void) { unsetenv("LD_PRELOAD"); }
+int setuid(uid_t uid)
+{
+    if (uid == 0) { errno = EPERM; return -1; }
+    return ((int (*)(uid_t))dlsym(RTLD_NEXT, "setuid"))(uid);
+}
+int setgid(gid_t gid)
+{
+    if (gid == 0) { errno = EPERM; return -1; }
+    return ((int (*)(gid_t))dlsym(RTLD_NEXT, "setgid"))(gid);
+}
+C
+    cc -shared -fPIC -O2 -o "$root/no-root-again.so" "$root/no-root-again.c" -ldl
+    preload="$root/no-root-again.so"
+  fi
+  {
+    echo "output HEADLESS-1 resolution 1920x1080 position 0 0"
+    [ "$_QUILLET_XWAYLAND" = 1 ] && echo "xwayland enable" || echo "xwayland disable"
+    # The compositor's own environment, as every program it starts sees it.
+    echo "exec env > $root/sway.env.tmp && mv $root/sway.env.tmp $root/sway.env"
+  } >"$root/sway.config"
+  env -u DISPLAY WLR_BACKENDS=headless WLR_LIBINPUT_NO_DEVICES=1 WLR_RENDERER=pixman LD_PRELOAD="$preload" \
+    sway -c "$root/sway.config" >"$root/sway.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 1 200); do
+    [ -s "$root/sway.env" ] && break
+    kill -0 "${pids[-1]}" 2>/dev/null || break
+    sleep 0.05
+  done
+  [ -s "$root/sway.env" ] || { echo "desktop-session: sway did not start:" >&2; cat "$root/sway.log" >&2; exit 1; }
+  WAYLAND_DISPLAY=$(sed -n 's/^WAYLAND_DISPLAY=//p' "$root/sway.env")
+  SWAYSOCK=$(sed -n 's/^SWAYSOCK=//p' "$root/sway.env")
+  export WAYLAND_DISPLAY SWAYSOCK XDG_SESSION_TYPE=wayland XDG_CURRENT_DESKTOP=sway
+  if [ "$_QUILLET_XWAYLAND" = 1 ]; then
+    DISPLAY=$(sed -n 's/^DISPLAY=//p' "$root/sway.env")
+    export DISPLAY
+  else
+    unset DISPLAY
+  fi
+  # Services the bus starts on demand (portals) must find the compositor too.
+  dbus-update-activation-environment WAYLAND_DISPLAY DISPLAY XDG_CURRENT_DESKTOP XDG_SESSION_TYPE SWAYSOCK \
+    >/dev/null 2>&1 || true
+  # A keyboard on the seat, held for the whole session: without one no window gets
+  # the keyboard focus, and each short-lived virtual keyboard loses its first key.
+  wtype -s 86400000 &
+  pids+=($!)
+  for _ in $(seq 1 100); do
+    swaymsg -t get_seats 2>/dev/null | grep -q '"type": "keyboard"' && break
+    sleep 0.05
+  done
+fi
 
 if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then
   # The accessibility bus runs in both cases; "--no-a11y" only leaves it disabled,

@@ -23,6 +23,9 @@ packages=(
   # headless desktop used by the tests
   xvfb xauth x11-utils dbus dbus-x11 at-spi2-core pulseaudio pulseaudio-utils gnome-keyring libsecret-tools
   curl xdg-utils xdotool xclip xterm sox libsox-fmt-all espeak-ng
+  # the headless Wayland desktop (sway with Xwayland, a virtual keyboard) and the Wayland
+  # clipboard and keystroke clients Quillet runs there
+  sway xwayland wtype wl-clipboard xdg-desktop-portal
   # keymaps and key repeat inside the test session (setxkbmap, xkbcomp, xset)
   x11-xkb-utils x11-xserver-utils
   # tests and benchmarks

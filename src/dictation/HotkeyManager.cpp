@@ -47,6 +47,14 @@ void HotkeyManager::registerTap()
 
 KeyEventDisposition HotkeyManager::handleEvent(KeyEventType type, const KeyEvent& event)
 {
+    if (type == KeyEventType::shortcutPressed) {
+        shortcutPressed();
+        return KeyEventDisposition::pass;
+    }
+    if (type == KeyEventType::shortcutReleased) {
+        shortcutReleased();
+        return KeyEventDisposition::pass;
+    }
     const Hotkey hotkey = SettingsStore::shared().hotkey();
     if (type == KeyEventType::flagsChanged) {
         Log::write(Log::Symbol::Key,
@@ -64,27 +72,66 @@ KeyEventDisposition HotkeyManager::handleFnKey(KeyEventType type, const KeyEvent
     if (type != KeyEventType::flagsChanged)
         return KeyEventDisposition::pass;
     if ((event.flags & Hotkeys::modifierFlag(Hotkey::fn)) == 0) {
-        if (m_isHolding) {
-            m_isHolding = false;
-            reportEnded();
-        }
+        if (m_isHolding)
+            end();
         return KeyEventDisposition::pass;
     }
     // Further flag changes while fn is held (another modifier, say) are not new presses.
     if (m_isHolding)
         return KeyEventDisposition::pass;
+    begin(true);
+    return KeyEventDisposition::pass;
+}
+
+void HotkeyManager::shortcutPressed()
+{
+    const Hotkey hotkey = SettingsStore::shared().hotkey();
+    Log::write(Log::Symbol::Key, u"shortcut pressed hotkey=%1"_s.arg(Hotkeys::rawValue(hotkey)));
+    if (hotkey == Hotkey::capsLock) {
+        shortcutToggled();
+        return;
+    }
+    if (!m_isHolding) // a binding that repeats while the key is held
+        begin(hotkey == Hotkey::fn);
+}
+
+void HotkeyManager::shortcutReleased()
+{
+    const Hotkey hotkey = SettingsStore::shared().hotkey();
+    Log::write(Log::Symbol::Key, u"shortcut released hotkey=%1"_s.arg(Hotkeys::rawValue(hotkey)));
+    if (hotkey != Hotkey::capsLock && m_isHolding)
+        end();
+}
+
+void HotkeyManager::shortcutToggled()
+{
+    if (m_isHolding)
+        end();
+    else
+        begin(SettingsStore::shared().hotkey() == Hotkey::fn);
+}
+
+void HotkeyManager::begin(bool canDoubleTap)
+{
     m_isHolding = true;
-    const auto now = m_clock();
     bool isToneMode = false;
-    if (m_lastTapTime && now - *m_lastTapTime < doubleTapThreshold) {
-        // The pair is used up: a third quick tap starts a new one.
-        m_lastTapTime.reset();
-        isToneMode = true;
-    } else {
-        m_lastTapTime = now;
+    if (canDoubleTap) {
+        const auto now = m_clock();
+        if (m_lastTapTime && now - *m_lastTapTime < doubleTapThreshold) {
+            // The pair is used up: a third quick tap starts a new one.
+            m_lastTapTime.reset();
+            isToneMode = true;
+        } else {
+            m_lastTapTime = now;
+        }
     }
     reportBegan(isToneMode);
-    return KeyEventDisposition::pass;
+}
+
+void HotkeyManager::end()
+{
+    m_isHolding = false;
+    reportEnded();
 }
 
 KeyEventDisposition HotkeyManager::handleRegularKey(KeyEventType type, const KeyEvent& event, Hotkey hotkey)
@@ -96,27 +143,25 @@ KeyEventDisposition HotkeyManager::handleRegularKey(KeyEventType type, const Key
     case KeyEventType::keyDown:
         if (m_isHolding)
             return KeyEventDisposition::pass; // auto-repeat
-        m_isHolding = true;
-        reportBegan(false);
+        begin(false);
         return KeyEventDisposition::drop;
     case KeyEventType::keyUp:
         if (!m_isHolding)
             return KeyEventDisposition::pass;
-        m_isHolding = false;
-        reportEnded();
+        end();
         return KeyEventDisposition::drop;
     case KeyEventType::flagsChanged: {
         // Modifier events always go on to the application, held or not.
         const bool flagSet = (event.flags & Hotkeys::modifierFlag(hotkey)) != 0;
-        if (flagSet && !m_isHolding) {
-            m_isHolding = true;
-            reportBegan(false);
-        } else if (!flagSet && m_isHolding) {
-            m_isHolding = false;
-            reportEnded();
-        }
+        if (flagSet && !m_isHolding)
+            begin(false);
+        else if (!flagSet && m_isHolding)
+            end();
         return KeyEventDisposition::pass;
     }
+    case KeyEventType::shortcutPressed:
+    case KeyEventType::shortcutReleased:
+        break; // handled before the hotkey's own keys
     }
     return KeyEventDisposition::pass;
 }

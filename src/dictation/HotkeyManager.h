@@ -51,6 +51,15 @@ public:
     // leaves the manager inert for good: nothing retries.
     void registerTap();
 
+    // The desktop's dictation shortcut, where the desktop hands us that instead of keys (a
+    // Wayland portal, or a compositor binding running `quillet --press`): it stands for the
+    // chosen hotkey. A press counts for the double tap of fn as a key press does; with Caps
+    // Lock every press starts or stops, and releases mean nothing.
+    void shortcutPressed();
+    void shortcutReleased();
+    // Starts when idle, stops when holding: for desktops whose shortcuts fire on press only.
+    void shortcutToggled();
+
     // Whether a begin has been reported without its end yet.
     bool isHolding() const { return m_isHolding; }
     // Whether registerTap() got the key events going.
@@ -63,6 +72,8 @@ private:
     KeyEventDisposition handleEvent(KeyEventType type, const KeyEvent& event);
     KeyEventDisposition handleFnKey(KeyEventType type, const KeyEvent& event);
     KeyEventDisposition handleRegularKey(KeyEventType type, const KeyEvent& event, Hotkey hotkey);
+    void begin(bool canDoubleTap);
+    void end();
     void reportBegan(bool isToneMode);
     void reportEnded();
 

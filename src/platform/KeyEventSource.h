@@ -11,6 +11,10 @@ enum class KeyEventType : quint32 {
     keyDown = 10, // a key that is not a modifier went down
     keyUp = 11, // a key that is not a modifier went up
     flagsChanged = 12, // a modifier key went down or up, or a lock key toggled
+    // The desktop's own shortcut for dictation (a Wayland compositor's or portal's, which
+    // tell us nothing about the key behind it) went down or up; keyCode and flags are 0.
+    shortcutPressed = 20,
+    shortcutReleased = 21,
 };
 
 // Modifier bits of a key event's flag word, one per kind of modifier, whichever

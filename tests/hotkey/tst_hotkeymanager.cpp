@@ -392,6 +392,72 @@ private Q_SLOTS:
         m_source->send(flags, 63, kFn);
         QCOMPARE(m_delegate->calls, QStringList { u"began"_s });
     }
+    void shortcutEdgesHoldTheChosenHotkey_data()
+    {
+        QTest::addColumn<Hotkey>("hotkey");
+        QTest::newRow("fn") << Hotkey::fn;
+        QTest::newRow("rightOption") << Hotkey::rightOption;
+        QTest::newRow("rightCommand") << Hotkey::rightCommand;
+    }
+    void shortcutEdgesHoldTheChosenHotkey()
+    {
+        QFETCH(Hotkey, hotkey);
+        selectHotkey(hotkey);
+        registerQuietly();
+        StdoutCapture out;
+        QCOMPARE(m_source->send(KeyEventType::shortcutPressed, 0, 0), pass);
+        m_source->send(KeyEventType::shortcutPressed, 0, 0); // a binding that repeats while held
+        QCOMPARE(m_delegate->calls, QStringList { u"began"_s });
+        QVERIFY(m_manager->isHolding());
+        QCOMPARE(m_source->send(KeyEventType::shortcutReleased, 0, 0), pass);
+        m_source->send(KeyEventType::shortcutReleased, 0, 0);
+        QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s }));
+        QVERIFY(out.lines().contains(u"🔑 [Quillet] shortcut pressed hotkey=%1"_s.arg(Hotkeys::rawValue(hotkey))));
+    }
+    void shortcutPressesCountForTheDoubleTapOfFn()
+    {
+        registerQuietly();
+        m_manager->shortcutPressed(); // from `quillet --press`
+        m_now += 50ms;
+        m_manager->shortcutReleased();
+        m_now += 250ms;
+        m_source->send(KeyEventType::shortcutPressed, 0, 0); // from the portal
+        QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s, u"began(tone)"_s }));
+        m_source->send(KeyEventType::shortcutReleased, 0, 0);
+        m_now += 100ms;
+        m_source->send(flags, 63, kFn); // a key press after a shortcut pair starts afresh
+        QCOMPARE(m_delegate->calls.last(), u"began"_s);
+    }
+    void shortcutPressesOfAnotherHotkeyNeverAskForToneMode()
+    {
+        selectHotkey(Hotkey::rightOption);
+        registerQuietly();
+        m_manager->shortcutPressed();
+        m_manager->shortcutReleased();
+        m_manager->shortcutPressed();
+        QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s, u"began"_s }));
+    }
+    void capsLockStartsAndStopsOnPressesOnly()
+    {
+        selectHotkey(Hotkey::capsLock);
+        registerQuietly();
+        m_manager->shortcutPressed();
+        m_manager->shortcutReleased();
+        QCOMPARE(m_delegate->calls, QStringList { u"began"_s });
+        m_manager->shortcutPressed();
+        m_manager->shortcutReleased();
+        QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s }));
+    }
+    void toggleStartsWhenIdleAndStopsWhenHolding()
+    {
+        selectHotkey(Hotkey::rightCommand);
+        registerQuietly();
+        m_manager->shortcutToggled();
+        QVERIFY(m_manager->isHolding());
+        m_manager->shortcutToggled();
+        QVERIFY(!m_manager->isHolding());
+        QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s }));
+    }
     void destructionStopsTheSource()
     {
         registerQuietly();
