@@ -3,7 +3,7 @@
 #   scripts/dev.sh run    install what is missing, build, start the local backend and the client
 #                         (inside a headless desktop when there is no display)
 #   scripts/dev.sh test   install what is missing, build, run every test
-# Other commands: build [preset], bench, fuzz [seconds].
+# Other commands: build [preset], bench, fuzz [seconds per target].
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -72,14 +72,13 @@ case "${1:-}" in
     done
     ;;
   fuzz)
+    # Every fuzz target for [seconds] each (60 by default), two at a time on two cores,
+    # starting from its seeds and dictionary; new inputs go to build/fuzz/corpus/<target>,
+    # crashes to build/fuzz/findings/<target>. Prints a table at the end.
     scripts/install-deps.sh
     build fuzz
     seconds=${2:-60}
-    for f in build/fuzz/bin/fuzz_*; do
-      echo "== $(basename "$f") for ${seconds}s"
-      mkdir -p "build/fuzz/corpus/$(basename "$f")"
-      "$f" -max_total_time="$seconds" -print_final_stats=1 "build/fuzz/corpus/$(basename "$f")"
-    done
+    exec scripts/fuzz-all.sh build/fuzz "$seconds"
     ;;
   *)
     echo "usage: scripts/dev.sh run|test|build [preset]|bench|fuzz [seconds]" >&2

@@ -21,8 +21,12 @@ bool applyKeyword(PostgresConnection& out, const QString& key, const QString& va
         *error = QString::fromLatin1(passwordRefused);
         return false;
     }
-    if (value.contains(u';')) {
-        *error = u"the database setting %1 may not contain ';'"_s.arg(key);
+    // Qt's driver joins the options into one libpq string, where ';' separates them for
+    // Qt and any white space separates keywords for libpq: either would let a value
+    // smuggle in a setting of its own.
+    static const QRegularExpression separator(u"[;\\s\\x00-\\x1f\\x7f]"_s);
+    if (value.contains(separator)) {
+        *error = u"the database setting %1 may not contain ';', spaces or control characters"_s.arg(key);
         return false;
     }
     if (key == u"host"_s) {
@@ -40,7 +44,7 @@ bool applyKeyword(PostgresConnection& out, const QString& key, const QString& va
     } else if (key == u"user"_s) {
         out.user = value;
     } else {
-        static const QRegularExpression keyword(u"^[a-z_]+$"_s);
+        static const QRegularExpression keyword(QRegularExpression::anchoredPattern(u"[a-z_]+"_s));
         if (!keyword.match(key).hasMatch()) {
             *error = u"\"%1\" is not a database setting"_s.arg(key);
             return false;
@@ -66,6 +70,11 @@ std::optional<PostgresConnection> parseUri(const QString& text, QString* error)
     PostgresConnection out;
     out.host = url.host();
     out.port = url.port(-1);
+    if (out.port == 0) {
+        // QUrl takes 0; libpq would quietly use its default port instead.
+        *error = u"the database port must be a number from 1 to 65535, not \"0\""_s;
+        return std::nullopt;
+    }
     out.user = url.userName(QUrl::FullyDecoded);
     out.database = url.path(QUrl::FullyDecoded).mid(1);
     if (out.database.contains(u'/')) {
@@ -84,7 +93,8 @@ std::optional<PostgresConnection> parseKeywords(const QString& text, QString* er
 {
     PostgresConnection out;
     // Quoted values are not supported: none of the settings a replica needs has spaces.
-    for (const QString& item : text.split(u' ', Qt::SkipEmptyParts)) {
+    static const QRegularExpression space(u"\\s+"_s);
+    for (const QString& item : text.split(space, Qt::SkipEmptyParts)) {
         const qsizetype equals = item.indexOf(u'=');
         if (equals <= 0) {
             *error = u"\"%1\" is not a key=value database setting"_s.arg(item);

@@ -97,11 +97,16 @@ Verification verify(QByteArrayView token, const QByteArray& key, qint64 now)
         return result;
     const QJsonValue sub = payload->value(u"sub"_s);
     const QJsonValue exp = payload->value(u"exp"_s);
-    if (!sub.isString() || sub.toString().isEmpty() || !exp.isDouble())
+    // Times are whole seconds: 1e300 or 1.5 would read as 0 and leave claims that
+    // contradict the verdict.
+    if (!sub.isString() || sub.toString().isEmpty() || !isWholeNumber(exp))
+        return result;
+    const QJsonValue iat = payload->value(u"iat"_s);
+    if (!iat.isUndefined() && !isWholeNumber(iat))
         return result;
     result.claims.subject = sub.toString();
     result.claims.expiresAt = exp.toInteger();
-    result.claims.issuedAt = payload->value(u"iat"_s).toInteger();
+    result.claims.issuedAt = iat.toInteger();
     const QJsonValue gen = payload->value(u"gen"_s);
     if (!gen.isUndefined() && !isWholeNumber(gen))
         return result;
@@ -110,7 +115,7 @@ Verification verify(QByteArrayView token, const QByteArray& key, qint64 now)
     if (!family.isUndefined() && !family.isString())
         return result;
     result.claims.family = family.toString();
-    if (exp.toDouble() <= double(now)) {
+    if (result.claims.expiresAt <= now) {
         result.verdict = Verdict::Expired;
         return result;
     }
