@@ -16,6 +16,7 @@ fi
 parser_of() {
   case "$1" in
     fuzz_http_framer) echo HttpFramer.cpp ;;
+    fuzz_http_gate) echo HttpGate.cpp ;;
     fuzz_jwt) echo Jwt.cpp ;;
     fuzz_server_stream_message) echo StreamProtocol.cpp ;;
     fuzz_database_url) echo DatabaseUrl.cpp ;;

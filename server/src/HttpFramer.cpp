@@ -299,6 +299,10 @@ std::vector<HttpFramer::Event> HttpFramer::feed(QByteArrayView bytes)
                 m_line.clear();
                 complete();
                 break;
+            } else {
+                // A trailer field. Nothing that talks to us sends one, and QHttpServer stops
+                // answering a connection after it: the next request would wait for ever.
+                return fail(400);
             }
             m_line.clear();
             break;

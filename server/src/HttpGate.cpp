@@ -121,6 +121,10 @@ private:
         if (!m_watchingAfter) {
             connect(m_socket, &QTcpSocket::readyRead, this, &GateWatch::afterQHttpServer);
             m_watchingAfter = true;
+            // A slot connected while the signal is being emitted is not called by that
+            // emission: learn what QHttpServer leaves unread of these first bytes (the next
+            // pipelined request) before any further bytes arrive, or they would be framed twice.
+            QMetaObject::invokeMethod(this, &GateWatch::afterQHttpServer, Qt::QueuedConnection);
         }
         const qint64 available = m_socket->bytesAvailable();
         const qint64 fresh = available - m_unreadSeen;

@@ -60,10 +60,13 @@ private Q_SLOTS:
                                                                  "GET /y HTTP/1.1\r\n\r\n")
                                                    << QByteArray("HCHC");
         QTest::newRow("half a head") << QByteArray("GET / HTTP/1.1\r\nHost:") << QByteArray("");
-        QTest::newRow("chunked with trailer")
-            << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
-                          "5;ext=1\r\nhello\r\n0\r\nX-Sum: 1\r\n\r\nGET / HTTP/1.1\r\n\r\n")
-            << QByteArray("HCHC");
+        QTest::newRow("chunked with extension") << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                                              "5;ext=1\r\nhello\r\n0\r\n\r\nGET / HTTP/1.1\r\n\r\n")
+                                                << QByteArray("HCHC");
+        // QHttpServer answers nothing more on a connection once a trailer field has passed.
+        QTest::newRow("chunked with trailer") << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                                            "5\r\nhello\r\n0\r\nX-Sum: 1\r\n\r\nGET / HTTP/1.1\r\n\r\n")
+                                              << QByteArray("HE400");
         QTest::newRow("upgrade stops") << QByteArray(
             "GET /ws HTTP/1.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n"
             "\x81\x85 frame bytes") << QByteArray("H");
