@@ -1,4 +1,4 @@
-// The settings form: hotkey, input device, version. Every change is stored at once.
+// The settings form: hotkey, input device, start at login, version. Every change is stored at once.
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
@@ -46,6 +46,23 @@ Pane {
                 currentIndex: root.settings.deviceIndex
                 onActivated: index => root.settings.deviceIndex = index
                 Accessible.name: "Input device"
+            }
+        }
+
+        FormSection {
+            title: "General"
+            Layout.fillWidth: true
+
+            FormLabel {
+                text: "Startup"
+            }
+            CheckBox {
+                objectName: "startAtLoginSwitch"
+                Layout.fillWidth: true
+                text: "Start Quillet at login"
+                checked: root.settings.startAtLogin
+                onToggled: root.settings.startAtLogin = checked
+                Accessible.name: "Start Quillet at login"
             }
         }
 
