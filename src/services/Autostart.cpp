@@ -98,7 +98,7 @@ bool Autostart::setEnabled(bool enabled) const
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size() || !file.commit()) {
         Log::write(Log::Symbol::Failure,
-            u"could not write "_s + path + u" (" + file.errorString() + u"): Quillet will not start at login"_s);
+            u"could not write "_s + path + u" ("_s + file.errorString() + u"): Quillet will not start at login"_s);
         return false;
     }
     return true;

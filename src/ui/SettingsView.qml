@@ -64,28 +64,24 @@ Pane {
                 onToggled: root.settings.startAtLogin = checked
                 Accessible.name: "Start Quillet at login"
             }
-        }
-
-        FormSection {
-            title: "About"
-            Layout.fillWidth: true
 
             FormLabel {
                 text: "Version"
             }
-            Label {
-                objectName: "versionValue"
+            RowLayout {
                 Layout.fillWidth: true
-                text: root.settings.version
-            }
+                spacing: 12
 
-            Item {
-                Layout.preferredWidth: 1
-            }
-            Button {
-                // Deliberately inert: there is no update service to ask yet.
-                objectName: "checkForUpdatesButton"
-                text: "Check for updates"
+                Label {
+                    objectName: "versionValue"
+                    Layout.fillWidth: true
+                    text: root.settings.version
+                }
+                Button {
+                    // Deliberately inert: there is no update service to ask yet.
+                    objectName: "checkForUpdatesButton"
+                    text: "Check for updates"
+                }
             }
         }
 

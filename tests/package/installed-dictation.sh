@@ -25,16 +25,17 @@ if curl -fsS --max-time 1 http://127.0.0.1:8000/health >/dev/null 2>&1; then
 fi
 /usr/bin/quillet-server --data-dir "$work/server" >"$work/server.log" 2>&1 &
 pids+=($!)
-wait_for 20 curl -fsS --max-time 1 http://127.0.0.1:8000/health -o /dev/null || fail "quillet-server did not start"
+wait_for 20 curl -fs --max-time 1 http://127.0.0.1:8000/health -o /dev/null || fail "quillet-server did not start"
 
-mkdir -p "$HOME/.config/Quillet"
-printf '[General]\nhotkey=fn\nonboarding.complete=true\n' >"$HOME/.config/Quillet/Quillet.conf"
+config=${XDG_CONFIG_HOME:-$HOME/.config}
+mkdir -p "$config/Quillet"
+printf '[General]\nhotkey=fn\nonboarding.complete=true\n' >"$config/Quillet/Quillet.conf"
 /usr/bin/quillet >"$work/quillet.log" 2>&1 &
 pids+=($!)
 wait_for 20 logged "✅ [Quillet] Event tap created" || fail "quillet did not start"
 
 # The first start turns on start at login; the installed desktop entry takes quillet: links.
-[ -f "$HOME/.config/autostart/app.quillet.Quillet.desktop" ] || fail "no autostart entry after the first start"
+[ -f "$config/autostart/app.quillet.Quillet.desktop" ] || fail "no autostart entry after the first start"
 wait_for 10 bash -c '[ "$(xdg-mime query default x-scheme-handler/quillet)" = app.quillet.Quillet.desktop ]' \
   || fail "the quillet: handler is $(xdg-mime query default x-scheme-handler/quillet)"
 

@@ -248,10 +248,17 @@ void TestSettingsWindow::startAtLoginWritesAndRemovesTheAutostartEntry()
     QVERIFY(box);
     QCOMPARE(box->property("text").toString(), u"Start Quillet at login"_s);
     QVERIFY(!box->property("checked").toBool());
-    // All of it inside the fixed window, where the user can reach it.
-    const QRectF inWindow = box->mapRectToScene(QRectF(0, 0, box->width(), box->height()));
-    QVERIFY2(QRectF(0, 0, 460, 380).contains(inWindow),
-        qPrintable(u"%1,%2 %3x%4"_s.arg(inWindow.x()).arg(inWindow.y()).arg(inWindow.width()).arg(inWindow.height())));
+    // The switch and the form's last control are inside the fixed window, where the user
+    // can reach them.
+    for (QQuickItem* control : { box, item(u"checkForUpdatesButton"_s) }) {
+        const QRectF inWindow = control->mapRectToScene(QRectF(0, 0, control->width(), control->height()));
+        QVERIFY2(QRectF(0, 0, 460, 380).contains(inWindow),
+            qPrintable(control->objectName()
+                + u" at %1,%2 %3x%4"_s.arg(inWindow.x())
+                      .arg(inWindow.y())
+                      .arg(inWindow.width())
+                      .arg(inWindow.height())));
+    }
 
     click(box);
     QTRY_VERIFY(box->property("checked").toBool());
