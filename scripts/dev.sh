@@ -3,7 +3,7 @@
 #   scripts/dev.sh run    install what is missing, build, start the local backend and the client
 #                         (inside a headless desktop when there is no display)
 #   scripts/dev.sh test   install what is missing, build, run every test
-# Other commands: build [preset], bench, fuzz [seconds per target].
+# Other commands: build [preset], bench, fuzz [seconds per target], package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -71,6 +71,15 @@ case "${1:-}" in
       esac
     done
     ;;
+  package)
+    # The two Debian packages, quillet and quillet-server, from the release build of the
+    # programs alone, installed under /usr: build/package/*.deb.
+    scripts/install-deps.sh
+    build package
+    rm -f build/package/*.deb
+    (cd build/package && cpack -G DEB >/dev/null)
+    ls build/package/*.deb
+    ;;
   fuzz)
     # Every fuzz target for [seconds] each (60 by default), two at a time on two cores,
     # starting from its seeds and dictionary; new inputs go to build/fuzz/corpus/<target>,
@@ -81,7 +90,7 @@ case "${1:-}" in
     exec scripts/fuzz-all.sh build/fuzz "$seconds"
     ;;
   *)
-    echo "usage: scripts/dev.sh run|test|build [preset]|bench|fuzz [seconds]" >&2
+    echo "usage: scripts/dev.sh run|test|build [preset]|bench|fuzz [seconds]|package" >&2
     exit 2
     ;;
 esac

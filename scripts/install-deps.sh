@@ -30,6 +30,9 @@ packages=(
   x11-xkb-utils x11-xserver-utils
   # tests and benchmarks
   libbenchmark-dev libgtest-dev
+  # the Debian packages: icons drawn from the SVG, manual pages from --help, and the
+  # checks the package test runs (lintian, desktop-file-validate, appstreamcli)
+  librsvg2-bin help2man lintian desktop-file-utils appstream
   # replicas of the local backend: accounts in PostgreSQL through Qt's driver, HAProxy in front
   # (the tests run a private postgresql-15 cluster and HAProxy on loopback ports)
   libqt6sql6-psql postgresql-15 haproxy

@@ -5,6 +5,7 @@
 #include "dictation/DictationSession.h"
 #include "services/AppConfig.h"
 #include "services/AuthNotifier.h"
+#include "services/Autostart.h"
 #include "services/KeychainHelper.h"
 #include "services/Log.h"
 #include "ui/HUDWindowController.h"
@@ -20,6 +21,7 @@
 #include <QNetworkReply>
 #include <QProcess>
 #include <QSaveFile>
+#include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
 #include <QUrl>
@@ -37,6 +39,9 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
 {
     // Standard output is unbuffered and the program keeps no window of its own: main() did both.
     registerUrlScheme();
+    // A tray program is expected after logging in: the first start ever turns that on.
+    QSettings settings(u"Quillet"_s, u"Quillet"_s);
+    Autostart::forThisProgram().enableOnFirstRun(settings);
     connect(instance, &SingleInstance::linkReceived, this, &AppDelegate::handleDeepLink);
     // Started again from a launcher: the user wants to see Quillet, and it has no other window.
     connect(instance, &SingleInstance::activated, this, &AppDelegate::showSettings);
@@ -66,34 +71,45 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
 
 void AppDelegate::registerUrlScheme()
 {
-    // The desktop entry names this very executable, so a build run from its tree
-    // answers the browser's link as an installed one does.
-    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + u"/applications"_s;
-    const QString path = dir + u"/quillet.desktop"_s;
-    const QByteArray entry = "[Desktop Entry]\n"
-                             "Type=Application\n"
-                             "Name=Quillet\n"
-                             "Comment=Hold a key, speak, let go: the words appear at the cursor\n"
-                             "Exec="
-        + QCoreApplication::applicationFilePath().toUtf8()
-        + " %u\n"
-          "Icon=audio-input-microphone\n"
-          "Terminal=false\n"
-          "NoDisplay=true\n"
-          "MimeType=x-scheme-handler/quillet;\n";
-    QFile existing(path);
-    const bool current = existing.open(QIODevice::ReadOnly) && existing.readAll() == entry;
-    if (!current) {
-        QDir().mkpath(dir);
-        QSaveFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size() || !file.commit()) {
-            Log::write(
-                Log::Symbol::Warning, u"could not write "_s + path + u": sign-in links will not reach Quillet"_s);
-            return;
+    // An installed Quillet finds its own desktop entry beside its executable's prefix
+    // (/usr/bin/quillet, /usr/share/applications/…): that entry already declares the
+    // scheme, so it only has to be made the default handler.
+    const QString appId = QStringLiteral(QUILLET_APP_ID);
+    const QString installed
+        = QCoreApplication::applicationDirPath() + u"/../share/applications/"_s + appId + u".desktop"_s;
+    QString entryName = appId + u".desktop"_s;
+    if (!QFile::exists(installed)) {
+        // A build run from its tree writes an entry of its own that names this very
+        // executable, so it answers the browser's link as an installed one does. It has
+        // another name than the installed entry, which it would otherwise hide.
+        entryName = u"quillet.desktop"_s;
+        const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + u"/applications"_s;
+        const QString path = dir + u'/' + entryName;
+        const QByteArray entry = "[Desktop Entry]\n"
+                                 "Type=Application\n"
+                                 "Name=Quillet\n"
+                                 "Comment=Hold a key, speak, let go: the words appear at the cursor\n"
+                                 "Exec="
+            + QCoreApplication::applicationFilePath().toUtf8()
+            + " %u\n"
+              "Icon=audio-input-microphone\n"
+              "Terminal=false\n"
+              "NoDisplay=true\n"
+              "MimeType=x-scheme-handler/quillet;\n";
+        QFile existing(path);
+        const bool current = existing.open(QIODevice::ReadOnly) && existing.readAll() == entry;
+        if (!current) {
+            QDir().mkpath(dir);
+            QSaveFile file(path);
+            if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size() || !file.commit()) {
+                Log::write(
+                    Log::Symbol::Warning, u"could not write "_s + path + u": sign-in links will not reach Quillet"_s);
+                return;
+            }
         }
     }
     // Detached: launch never waits for the desktop's database.
-    if (!QProcess::startDetached(u"xdg-mime"_s, { u"default"_s, u"quillet.desktop"_s, u"x-scheme-handler/quillet"_s }))
+    if (!QProcess::startDetached(u"xdg-mime"_s, { u"default"_s, entryName, u"x-scheme-handler/quillet"_s }))
         Log::write(Log::Symbol::Warning, u"xdg-mime is not installed: sign-in links will not reach Quillet"_s);
 }
 

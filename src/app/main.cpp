@@ -93,7 +93,7 @@ int main(int argc, char* argv[])
 
     QApplication app(argc, argv);
     nameApplication();
-    QApplication::setDesktopFileName(u"quillet"_s);
+    QApplication::setDesktopFileName(QStringLiteral(QUILLET_APP_ID));
     // A tray program: closing the settings or welcome window must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
     const QStringList links = parseOptions(app).links;

@@ -1,4 +1,4 @@
-// The settings form: hotkey, input device, version. Every change is stored at once.
+// The settings form: hotkey, input device, start at login, version. Every change is stored at once.
 import QtQuick
 import QtQuick.Controls.Fusion
 import QtQuick.Layouts
@@ -50,25 +50,38 @@ Pane {
         }
 
         FormSection {
-            title: "About"
+            title: "General"
             Layout.fillWidth: true
+
+            FormLabel {
+                text: "Startup"
+            }
+            CheckBox {
+                objectName: "startAtLoginSwitch"
+                Layout.fillWidth: true
+                text: "Start Quillet at login"
+                checked: root.settings.startAtLogin
+                onToggled: root.settings.startAtLogin = checked
+                Accessible.name: "Start Quillet at login"
+            }
 
             FormLabel {
                 text: "Version"
             }
-            Label {
-                objectName: "versionValue"
+            RowLayout {
                 Layout.fillWidth: true
-                text: root.settings.version
-            }
+                spacing: 12
 
-            Item {
-                Layout.preferredWidth: 1
-            }
-            Button {
-                // Deliberately inert: there is no update service to ask yet.
-                objectName: "checkForUpdatesButton"
-                text: "Check for updates"
+                Label {
+                    objectName: "versionValue"
+                    Layout.fillWidth: true
+                    text: root.settings.version
+                }
+                Button {
+                    // Deliberately inert: there is no update service to ask yet.
+                    objectName: "checkForUpdatesButton"
+                    text: "Check for updates"
+                }
             }
         }
 

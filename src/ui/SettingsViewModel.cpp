@@ -7,12 +7,14 @@ using namespace Qt::StringLiterals;
 
 const QString SettingsViewModel::systemDefaultChoice = u"System default"_s;
 
-SettingsViewModel::SettingsViewModel(SettingsStore& store, std::shared_ptr<Microphones> microphones, QObject* parent)
+SettingsViewModel::SettingsViewModel(
+    SettingsStore& store, std::shared_ptr<Microphones> microphones, QObject* parent, Autostart autostart)
     : QObject(parent)
     , m_store(store)
     , m_microphones(std::move(microphones))
     , m_hotkeys(store)
     , m_version(AppConfig::shortVersion().value_or(u"\u2014"_s))
+    , m_autostart(std::move(autostart))
 {
     connect(&m_store, &SettingsStore::micDeviceUIDChanged, this, &SettingsViewModel::deviceIndexChanged);
 }
@@ -49,8 +51,16 @@ void SettingsViewModel::setDeviceIndex(int index)
     m_store.setMicDeviceUID(m_devices[index - 1].uid);
 }
 
+void SettingsViewModel::setStartAtLogin(bool enabled)
+{
+    m_autostart.setEnabled(enabled);
+    // Announced either way: a switch the user flipped must fall back when the write failed.
+    Q_EMIT startAtLoginChanged();
+}
+
 void SettingsViewModel::refresh()
 {
+    Q_EMIT startAtLoginChanged();
     const QString version = AppConfig::shortVersion().value_or(u"\u2014"_s);
     if (version != m_version) {
         m_version = version;

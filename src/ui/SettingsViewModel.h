@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Microphones.h"
+#include "services/Autostart.h"
 #include "services/SettingsStore.h"
 #include "ui/HotkeySelection.h"
 
@@ -10,8 +11,8 @@
 
 #include <memory>
 
-// What the settings form shows and edits: the hotkey, the preferred input device
-// and the version. Writes go straight to the settings store; there is no "save".
+// What the settings form shows and edits: the hotkey, the preferred input device,
+// start at login and the version. Writes go straight to the settings store; there is no "save".
 class SettingsViewModel : public QObject
 {
     Q_OBJECT
@@ -22,13 +23,17 @@ class SettingsViewModel : public QObject
     Q_PROPERTY(QStringList deviceChoices READ deviceChoices NOTIFY devicesChanged)
     // 0 is "System default"; -1 when the stored device is not among the microphones.
     Q_PROPERTY(int deviceIndex READ deviceIndex WRITE setDeviceIndex NOTIFY deviceIndexChanged)
+    // The autostart entry is there: Quillet starts when the user logs in.
+    Q_PROPERTY(bool startAtLogin READ startAtLogin WRITE setStartAtLogin NOTIFY startAtLoginChanged)
     // The version from the information file, or "—" without one.
     Q_PROPERTY(QString version READ version NOTIFY versionChanged)
 
 public:
     static const QString systemDefaultChoice; // "System default"
 
-    SettingsViewModel(SettingsStore& store, std::shared_ptr<Microphones> microphones, QObject* parent = nullptr);
+    // autostart: the login entry the switch writes (this program's own by default).
+    SettingsViewModel(SettingsStore& store, std::shared_ptr<Microphones> microphones, QObject* parent = nullptr,
+        Autostart autostart = Autostart::forThisProgram());
 
     HotkeySelection* hotkeys() { return &m_hotkeys; }
     QStringList deviceChoices() const;
@@ -37,6 +42,9 @@ public:
     // 0 removes the preference; any other index stores that device's identifier.
     void setDeviceIndex(int index);
     QString version() const { return m_version; }
+    bool startAtLogin() const { return m_autostart.isEnabled(); }
+    // Writes or removes the entry; the switch shows what the folder holds afterwards.
+    void setStartAtLogin(bool enabled);
 
     // Reads the version and asks for the device list again; the list arrives later
     // (devicesChanged) and stays as it is until the next refresh.
@@ -46,6 +54,7 @@ Q_SIGNALS:
     void devicesChanged();
     void deviceIndexChanged();
     void versionChanged();
+    void startAtLoginChanged();
 
 private:
     SettingsStore& m_store;
@@ -53,4 +62,5 @@ private:
     HotkeySelection m_hotkeys;
     QList<Microphone> m_devices;
     QString m_version;
+    Autostart m_autostart;
 };

@@ -4,6 +4,8 @@
 #include "services/SettingsStore.h"
 #include "ui/SettingsWindow.h"
 
+#include <QCoreApplication>
+#include <QFile>
 #include <QGuiApplication>
 #include <QQuickItem>
 #include <QQuickWindow>
@@ -67,6 +69,7 @@ private Q_SLOTS:
     void deviceListIsReadAgainEachTimeTheWindowShows();
     void versionComesFromTheInformationFile();
     void checkForUpdatesIsThereAndDoesNothing();
+    void startAtLoginWritesAndRemovesTheAutostartEntry();
     void closeButtonEmitsClosed();
 
 private:
@@ -233,6 +236,48 @@ void TestSettingsWindow::checkForUpdatesIsThereAndDoesNothing()
     QTest::qWait(50);
     QCOMPARE(userSettings().allKeys(), keysBefore);
     QVERIFY(m_window->isVisible());
+}
+
+void TestSettingsWindow::startAtLoginWritesAndRemovesTheAutostartEntry()
+{
+    const QString entry = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
+        + u"/autostart/app.quillet.Quillet.desktop"_s;
+    QFile::remove(entry);
+    SHOW_WINDOW();
+    QQuickItem* box = item(u"startAtLoginSwitch"_s);
+    QVERIFY(box);
+    QCOMPARE(box->property("text").toString(), u"Start Quillet at login"_s);
+    QVERIFY(!box->property("checked").toBool());
+    // The switch and the form's last control are inside the fixed window, where the user
+    // can reach them.
+    for (QQuickItem* control : { box, item(u"checkForUpdatesButton"_s) }) {
+        const QRectF inWindow = control->mapRectToScene(QRectF(0, 0, control->width(), control->height()));
+        QVERIFY2(QRectF(0, 0, 460, 380).contains(inWindow),
+            qPrintable(control->objectName()
+                + u" at %1,%2 %3x%4"_s.arg(inWindow.x())
+                      .arg(inWindow.y())
+                      .arg(inWindow.width())
+                      .arg(inWindow.height())));
+    }
+
+    click(box);
+    QTRY_VERIFY(box->property("checked").toBool());
+    QVERIFY(QFile::exists(entry));
+    QFile file(entry);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QVERIFY(file.readAll().contains("\nExec=" + QCoreApplication::applicationFilePath().toUtf8() + '\n'));
+
+    click(box);
+    QTRY_VERIFY(!box->property("checked").toBool());
+    QVERIFY(!QFile::exists(entry));
+
+    // What the folder holds is what a new window shows.
+    QVERIFY(m_window->model().property("startAtLogin").isValid());
+    m_window->model().setStartAtLogin(true);
+    m_window.reset();
+    SHOW_WINDOW();
+    QVERIFY(item(u"startAtLoginSwitch"_s)->property("checked").toBool());
+    QVERIFY(QFile::remove(entry));
 }
 
 void TestSettingsWindow::closeButtonEmitsClosed()
