@@ -41,6 +41,70 @@ std::optional<QRect> ScreenPixels::rectOnScreen(const QWindow* window)
     return QRect(x, y, attributes.width, attributes.height);
 }
 
+namespace {
+
+QString titleOf(Display* connection, Window window)
+{
+    const Atom netName = XInternAtom(connection, "_NET_WM_NAME", False);
+    const Atom utf8 = XInternAtom(connection, "UTF8_STRING", False);
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0;
+    unsigned long remaining = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(connection, window, netName, 0, 1024, False, utf8, &type, &format, &count, &remaining, &data)
+            == Success
+        && data) {
+        const QString title = QString::fromUtf8(reinterpret_cast<const char*>(data), qsizetype(count));
+        XFree(data);
+        if (type == utf8)
+            return title;
+    }
+    char* name = nullptr;
+    if (XFetchName(connection, window, &name) && name) {
+        const QString title = QString::fromLocal8Bit(name);
+        XFree(name);
+        return title;
+    }
+    return {};
+}
+
+std::optional<QRect> findViewable(Display* connection, Window window, const QString& title)
+{
+    XWindowAttributes attributes {};
+    if (!XGetWindowAttributes(connection, window, &attributes) || attributes.map_state != IsViewable)
+        return std::nullopt;
+    if (titleOf(connection, window) == title) {
+        int x = 0;
+        int y = 0;
+        Window child = 0;
+        if (XTranslateCoordinates(connection, window, attributes.root, 0, 0, &x, &y, &child))
+            return QRect(x, y, attributes.width, attributes.height);
+    }
+    Window root = 0;
+    Window parent = 0;
+    Window* children = nullptr;
+    unsigned int count = 0;
+    if (!XQueryTree(connection, window, &root, &parent, &children, &count))
+        return std::nullopt;
+    std::optional<QRect> found;
+    for (unsigned int i = 0; i < count && !found; ++i)
+        found = findViewable(connection, children[i], title);
+    if (children)
+        XFree(children);
+    return found;
+}
+
+} // namespace
+
+std::optional<QRect> ScreenPixels::rectOnScreen(const QString& title)
+{
+    Display* connection = display();
+    if (!connection)
+        return std::nullopt;
+    return findViewable(connection, DefaultRootWindow(connection), title);
+}
+
 QImage ScreenPixels::grabScreen(const QRect& rect)
 {
     Display* connection = display();
@@ -125,6 +189,29 @@ int ScreenPixels::inkPixels(const QImage& image, const QRect& box, QRgb backgrou
         }
     }
     return ink;
+}
+
+int ScreenPixels::differingPixels(const QImage& a, const QImage& b, int tolerance)
+{
+    if (a.size() != b.size())
+        return -1;
+    int differing = 0;
+    for (int y = 0; y < a.height(); ++y) {
+        for (int x = 0; x < a.width(); ++x) {
+            if (channelDistance(a.pixel(x, y), b.pixel(x, y)) > tolerance)
+                ++differing;
+        }
+    }
+    return differing;
+}
+
+QImage ScreenPixels::grabWholeScreen()
+{
+    Display* connection = display();
+    if (!connection)
+        return {};
+    const int screen = DefaultScreen(connection);
+    return grabScreen(QRect(0, 0, DisplayWidth(connection, screen), DisplayHeight(connection, screen)));
 }
 
 QString ScreenPixels::keepForInspection(const QImage& image, const QString& name)

@@ -20,6 +20,11 @@ namespace ScreenPixels {
 // window manager's frame and placement are taken into account.
 std::optional<QRect> rectOnScreen(const QWindow* window);
 
+// Where the viewable window of this title (_NET_WM_NAME, else WM_NAME) is on the
+// screen, searched through the whole window tree (a window manager's frames
+// included); nothing when no such window is viewable. For another program's windows.
+std::optional<QRect> rectOnScreen(const QString& title);
+
 // The screen's pixels in `rect` (screen coordinates), as RGB32; null when the
 // display cannot be read.
 QImage grabScreen(const QRect& rect);
@@ -31,6 +36,12 @@ bool isOneColour(const QImage& image);
 // How many pixels in `box` differ clearly from `background` (in any channel by more
 // than `tolerance`): the ink of a text or an icon drawn there.
 int inkPixels(const QImage& image, const QRect& box, QRgb background, int tolerance = 40);
+
+// How many pixels of `a` differ clearly from the pixel at the same place in `b`
+// (both of one size; -1 when they are not).
+int differingPixels(const QImage& a, const QImage& b, int tolerance = 40);
+// The whole screen.
+QImage grabWholeScreen();
 
 // Writes `image` as <name>.png into the folder for screenshots of failed checks
 // (QUILLET_SCREENSHOT_DIR, else "screenshots" in the working directory) and returns

@@ -27,6 +27,9 @@ namespace {
 constexpr int drawTimeoutMs = 20000;
 // Fewer differing pixels than this in a text's box means the text is not there.
 constexpr int minimumInk = 30;
+// A window drawn over something else changes at least this share of the pixels in
+// its rectangle. One that never draws (X leaves what was beneath) changes none.
+constexpr double minimumChangedShare = 0.005;
 
 // The first visible item of this objectName under `root` (root included): the
 // current page's, not a hidden page's.
@@ -110,12 +113,24 @@ Reading read(const QWindow* window, QSize expectedSize, const QList<Part>& parts
 
 // Waits until the window reads as drawn; what is wrong when it never does. Then the
 // window's pixels and the whole screen go to the screenshots folder.
-QString drawnProblem(const QWindow* window, QSize expectedSize, const QList<Part>& parts, const QString& name)
+// `screenBefore` is the whole screen as it was before the window showed (or changed
+// its step): the window's rectangle must now differ from it, so that what lay
+// beneath an undrawn window, or a step no longer current, does not pass for it.
+QString drawnProblem(const QWindow* window, QSize expectedSize, const QList<Part>& parts, const QString& name,
+    const QImage& screenBefore)
 {
     Reading reading;
     const bool drawn = QTest::qWaitFor(
         [&] {
             reading = read(window, expectedSize, parts);
+            if (reading.problem.isEmpty() && !screenBefore.isNull()) {
+                const QImage before = screenBefore.copy(*reading.rect);
+                const int changed = ScreenPixels::differingPixels(reading.image, before);
+                const int needed = int(minimumChangedShare * reading.image.width() * reading.image.height());
+                if (changed < needed)
+                    reading.problem
+                        = u"the window's rectangle shows what was there before it (%1 pixels changed)"_s.arg(changed);
+            }
             return reading.problem.isEmpty();
         },
         drawTimeoutMs);
@@ -129,7 +144,7 @@ QString drawnProblem(const QWindow* window, QSize expectedSize, const QList<Part
 
 #define VERIFY_DRAWN(window, expectedSize, parts, name)                                                                \
     do {                                                                                                               \
-        const QString problem_ = drawnProblem((window), (expectedSize), (parts), (name));                              \
+        const QString problem_ = drawnProblem((window), (expectedSize), (parts), (name), m_screenBefore);              \
         QVERIFY2(problem_.isEmpty(), qPrintable(problem_));                                                            \
     } while (false)
 
@@ -171,6 +186,7 @@ private Q_SLOTS:
     void aWindowThatNeverDrawsIsCaught();
     void welcomeSteps_data();
     void welcomeSteps();
+    void walkingThroughTheStepsRedrawsEachOne();
     void settingsAlone();
     void settingsOverTheWelcomeWindow();
     void welcomeAndSettingsApart();
@@ -187,6 +203,8 @@ private:
     QList<Part> settingsParts(SettingsWindow& settings);
     QList<Part> welcomeParts(OnboardingWindow& welcome);
 
+    // The screen before the window under check showed: taken by the show helpers.
+    QImage m_screenBefore;
     std::unique_ptr<OnboardingWindow> m_welcome;
     std::unique_ptr<SettingsWindow> m_settings;
     std::unique_ptr<HUDWindowController> m_capsule;
@@ -203,6 +221,7 @@ void TestWindowPixels::cleanup()
 
 std::unique_ptr<OnboardingWindow> TestWindowPixels::showWelcome()
 {
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     auto window = std::make_unique<OnboardingWindow>([] {}, quietServices());
     if (window->rootItem())
         window->showAndRaise();
@@ -211,6 +230,7 @@ std::unique_ptr<OnboardingWindow> TestWindowPixels::showWelcome()
 
 std::unique_ptr<SettingsWindow> TestWindowPixels::showSettings()
 {
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     auto window = std::make_unique<SettingsWindow>();
     if (window->rootItem())
         window->showAndRaise();
@@ -219,6 +239,7 @@ std::unique_ptr<SettingsWindow> TestWindowPixels::showSettings()
 
 std::unique_ptr<HUDWindowController> TestWindowPixels::showCapsule(const HUDMode& mode)
 {
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     auto hud = std::make_unique<HUDWindowController>(lastingTiming());
     hud->show(mode);
     return hud;
@@ -290,6 +311,23 @@ void TestWindowPixels::welcomeSteps()
     VERIFY_DRAWN(m_welcome->window(), OnboardingWindow::windowSize, parts, u"welcome-step-%1"_s.arg(step));
 }
 
+void TestWindowPixels::walkingThroughTheStepsRedrawsEachOne()
+{
+    // One window from the first step to the last, as a new user goes: each step
+    // replaces the last one on the screen.
+    m_welcome = showWelcome();
+    QVERIFY(m_welcome->rootItem());
+    for (int step = 0; step < 6; ++step) {
+        if (step > 0) {
+            m_screenBefore = ScreenPixels::grabWholeScreen();
+            m_welcome->rootItem()->setProperty("step", step);
+        }
+        const QList<Part> parts = welcomeParts(*m_welcome);
+        QVERIFY2(!parts.isEmpty(), qPrintable(u"step %1 lacks its picture, title or button"_s.arg(step)));
+        VERIFY_DRAWN(m_welcome->window(), OnboardingWindow::windowSize, parts, u"welcome-walk-step-%1"_s.arg(step));
+    }
+}
+
 void TestWindowPixels::settingsAlone()
 {
     m_settings = showSettings();
@@ -330,6 +368,7 @@ void TestWindowPixels::welcomeAndSettingsApart()
     VERIFY_DRAWN(m_welcome->window(), OnboardingWindow::windowSize, welcomeParts(*m_welcome), u"welcome-apart"_s);
     VERIFY_DRAWN(m_settings->window(), SettingsWindow::windowSize, settingsParts(*m_settings), u"settings-apart"_s);
     // Moving on to another step redraws the welcome window beside Settings.
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     m_welcome->rootItem()->setProperty("step", 3);
     VERIFY_DRAWN(
         m_welcome->window(), OnboardingWindow::windowSize, welcomeParts(*m_welcome), u"welcome-apart-hotkey-step"_s);
@@ -363,8 +402,16 @@ void TestWindowPixels::capsuleStates()
     QFETCH(QString, part);
     // The listening modes come through show(); the session sets the others on the
     // state of a capsule already up, and success and error through their calls.
+    const bool listening = state == u"dictating"_s || state == u"tone"_s;
     m_capsule = showCapsule(state == u"tone"_s ? HUDMode::tone() : HUDMode::dictating());
     QVERIFY(m_capsule->window());
+    if (!listening) {
+        // Up and drawn first, so that the new mode has to be drawn over it.
+        REQUIRE_ITEM(first, m_capsule->rootItem(), u"hudText"_s);
+        VERIFY_DRAWN(m_capsule->window(), capsuleSize(*m_capsule), (QList<Part> { { u"the capsule's text"_s, first } }),
+            u"capsule-before-"_s + state);
+        m_screenBefore = ScreenPixels::grabWholeScreen();
+    }
     if (state == u"cleaning"_s)
         m_capsule->hudState().setMode(HUDMode::cleaning());
     else if (state == u"tonePicker"_s)
@@ -391,6 +438,7 @@ void TestWindowPixels::capsuleBesideSettings()
         u"capsule-beside-settings"_s);
     VERIFY_DRAWN(
         m_settings->window(), SettingsWindow::windowSize, settingsParts(*m_settings), u"settings-beside-capsule"_s);
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     m_capsule->hudState().setMode(HUDMode::tonePicker([](Tone) {}));
     REQUIRE_ITEM(grid, m_capsule->rootItem(), u"toneGrid"_s);
     VERIFY_DRAWN(m_capsule->window(), capsuleSize(*m_capsule), (QList<Part> { { u"the tone buttons"_s, grid } }),
@@ -404,15 +452,19 @@ void TestWindowPixels::capsuleWithThePracticeBox()
     m_welcome = showWelcome();
     QVERIFY(m_welcome->rootItem());
     m_welcome->rootItem()->setProperty("step", 4);
+    REQUIRE_ITEM(placeholder, m_welcome->rootItem(), u"placeholder"_s);
+    QList<Part> parts = welcomeParts(*m_welcome);
+    parts.append({ u"the practice box's placeholder"_s, placeholder });
+    VERIFY_DRAWN(m_welcome->window(), OnboardingWindow::windowSize, parts, u"practice"_s);
     m_capsule = showCapsule(HUDMode::dictating());
     QVERIFY(m_capsule->window());
     REQUIRE_ITEM(text, m_capsule->rootItem(), u"hudText"_s);
     VERIFY_DRAWN(m_capsule->window(), capsuleSize(*m_capsule), (QList<Part> { { u"the capsule's text"_s, text } }),
         u"capsule-with-practice"_s);
-    REQUIRE_ITEM(placeholder, m_welcome->rootItem(), u"placeholder"_s);
-    QList<Part> parts = welcomeParts(*m_welcome);
-    parts.append({ u"the practice box's placeholder"_s, placeholder });
-    VERIFY_DRAWN(m_welcome->window(), OnboardingWindow::windowSize, parts, u"practice-with-capsule"_s);
+    // The practice step is still drawn with the capsule up.
+    const Reading practice = read(m_welcome->window(), OnboardingWindow::windowSize, parts);
+    QVERIFY2(practice.problem.isEmpty(), qPrintable(practice.problem));
+    m_screenBefore = ScreenPixels::grabWholeScreen();
     m_capsule->hudState().setPartialText(u"hello from the practice box"_s);
     m_capsule->showSuccess(u"hello from the practice box"_s, std::nullopt);
     REQUIRE_ITEM(done, m_capsule->rootItem(), u"hudText"_s);
