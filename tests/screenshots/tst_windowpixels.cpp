@@ -59,9 +59,8 @@ struct Part {
     const QQuickItem* item;
 };
 
-// Whether the window, as the screen shows it, is drawn: viewable at the expected size,
-// not of one colour, and every part with enough ink. `hidden` is a screen rectangle
-// covered by another window of the test (its pixels are that window's).
+// The window as the screen shows it; `problem` is empty when it is drawn: viewable at
+// the expected size, not of one colour, and every part with enough ink.
 struct Reading {
     std::optional<QRect> rect;
     QImage image;
