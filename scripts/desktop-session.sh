@@ -2,10 +2,13 @@
 # Runs a command inside a private, headless desktop session and tears it down after:
 #   X server (Xvfb), session bus, accessibility bus, PulseAudio with a virtual
 #   microphone, and an unlocked Secret Service (gnome-keyring).
-# Usage: scripts/desktop-session.sh [--wayland [--no-xwayland]] [--no-a11y] [--no-keyring] [--no-sound]
+# Usage: scripts/desktop-session.sh [--wayland [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring] [--no-sound]
 #                                   [--] command [args...]
 # --wayland runs a headless sway (a Wayland compositor with Xwayland) instead of Xvfb,
 # with a virtual keyboard on its seat; --no-xwayland leaves Xwayland out.
+# --wm runs a window manager (openbox) on the X server, as on a real desktop: it
+# reparents and decorates windows and hands out the focus. Without it windows sit
+# bare on the root window. (sway always manages its windows.)
 # Inside a session already (QUILLET_DESKTOP_SESSION=1) it just runs the command.
 #
 # The session gets its own HOME and XDG directories under a temporary folder, so
@@ -17,7 +20,7 @@
 # and DISPLAY for its Xwayland (unset with --no-xwayland).
 set -euo pipefail
 
-a11y=1 keyring=1 sound=1 wayland=0 xwayland=1
+a11y=1 keyring=1 sound=1 wayland=0 xwayland=1 wm=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --no-a11y) a11y=0; shift ;;
@@ -25,12 +28,13 @@ while [ $# -gt 0 ]; do
     --no-sound) sound=0; shift ;;
     --wayland) wayland=1; shift ;;
     --no-xwayland) xwayland=0; shift ;;
+    --wm) wm=1; shift ;;
     --) shift; break ;;
     *) break ;;
   esac
 done
 [ $# -gt 0 ] || {
-  echo "usage: $0 [--wayland [--no-xwayland]] [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2
+  echo "usage: $0 [--wayland [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2
   exit 2
 }
 
@@ -40,6 +44,7 @@ fi
 
 tools=(Xvfb dbus-run-session)
 [ "$wayland" = 1 ] && tools=(sway wtype swaymsg dbus-run-session)
+[ "$wayland" = 0 ] && [ "$wm" = 1 ] && tools+=(openbox xprop)
 for tool in "${tools[@]}"; do
   command -v "$tool" >/dev/null || { echo "desktop-session: $tool is missing; run scripts/install-deps.sh" >&2; exit 1; }
 done
@@ -114,7 +119,7 @@ WRAP
     XDG_STATE_HOME="$root/state" XDG_CACHE_HOME="$root/cache" XDG_RUNTIME_DIR="$root/runtime" \
     DISPLAY="$display" _QUILLET_SESSION_ROOT="$root" _QUILLET_SESSION_STAGE=2 \
     _QUILLET_A11Y=$a11y _QUILLET_KEYRING=$keyring _QUILLET_SOUND=$sound \
-    _QUILLET_WAYLAND=$wayland _QUILLET_XWAYLAND=$xwayland \
+    _QUILLET_WAYLAND=$wayland _QUILLET_XWAYLAND=$xwayland _QUILLET_WM=$wm \
     dbus-run-session "${bus_args[@]}" -- bash ${QUILLET_SESSION_TRACE:+-x} "$0" "$@"
   status=$?
   set -e
@@ -195,6 +200,21 @@ C
     swaymsg -t get_seats 2>/dev/null | grep -q '"type": "keyboard"' && break
     sleep 0.05
   done
+fi
+
+if [ "$_QUILLET_WAYLAND" = 0 ] && [ "$_QUILLET_WM" = 1 ]; then
+  # openbox with its stock configuration and no session of its own (no autostart).
+  openbox --sm-disable >"$root/openbox.log" 2>&1 &
+  pids+=($!)
+  # It manages the screen once it has named itself on the root window.
+  for _ in $(seq 1 200); do
+    xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' && break
+    kill -0 "${pids[-1]}" 2>/dev/null || break
+    sleep 0.05
+  done
+  xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' \
+    || { echo "desktop-session: openbox did not start:" >&2; cat "$root/openbox.log" >&2; exit 1; }
+  export QUILLET_WINDOW_MANAGER=openbox
 fi
 
 if [ "$_QUILLET_A11Y" = 1 ] || [ "$_QUILLET_A11Y" = 0 ]; then

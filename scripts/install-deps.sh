@@ -28,6 +28,9 @@ packages=(
   sway xwayland wtype wl-clipboard xdg-desktop-portal
   # keymaps and key repeat inside the test session (setxkbmap, xkbcomp, xset)
   x11-xkb-utils x11-xserver-utils
+  # a window manager for the session's --wm (the window tests run with and without one);
+  # xwd and ImageMagick's import/convert to look at the session's screen by hand
+  openbox x11-apps imagemagick
   # tests and benchmarks
   libbenchmark-dev libgtest-dev
   # the Debian packages: icons drawn from the SVG, manual pages from --help, and the
