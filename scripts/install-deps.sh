@@ -30,6 +30,8 @@ packages=(
   x11-xkb-utils x11-xserver-utils
   # tests and benchmarks
   libbenchmark-dev libgtest-dev
+  # NIST's sclite scores the server's transcripts against reference texts (scripts/wer.sh)
+  sctk
   # replicas of the local backend: accounts in PostgreSQL through Qt's driver, HAProxy in front
   # (the tests run a private postgresql-15 cluster and HAProxy on loopback ports)
   libqt6sql6-psql postgresql-15 haproxy
