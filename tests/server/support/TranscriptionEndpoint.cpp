@@ -314,6 +314,9 @@ void TranscriptionEndpoint::answer(Pending& pending)
         break;
     case Mode::Stall:
         return; // the connection stays open, unanswered
+    case Mode::Fixed:
+        body = QJsonDocument(QJsonObject { { u"text"_s, fixedText } }).toJson(QJsonDocument::Compact);
+        break;
     }
     if (!pending.socket)
         return;

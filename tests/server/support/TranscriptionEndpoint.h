@@ -32,6 +32,7 @@ public:
         Malformed, // 200 with a body that is not JSON
         NoText, // 200 with a JSON object without "text"
         Stall, // never answers
+        Fixed, // `fixedText` at once, without recognising anything
     };
 
     struct Upload {
@@ -59,6 +60,7 @@ public:
     void close();
 
     Mode mode = Mode::Recognise;
+    QString fixedText;
     // The answers of this many of the next requests are kept until releaseHeld().
     int holdNext = 0;
     void releaseHeld();
