@@ -154,6 +154,9 @@ private Q_SLOTS:
             QVERIFY2(server->launch(&error), qPrintable(error));
         for (ServerProcess* server : { m_server.get(), m_embedded.get(), m_impatient.get() })
             QVERIFY2(server->waitReady(&error), qPrintable(error));
+        // The start-up measurement decodes on the only decoding thread; streams wait behind it.
+        for (ServerProcess* server : { m_server.get(), m_embedded.get(), m_impatient.get() })
+            QVERIFY(spinUntil([&] { return server->output().contains("capacity:"); }, 60'000));
         m_access = sign(m_http, *m_server);
         m_embeddedAccess = sign(m_http, *m_embedded);
         m_impatientAccess = sign(m_http, *m_impatient);
@@ -200,7 +203,9 @@ private Q_SLOTS:
 
         // PocketSphinx kept the capsule live while the clip was spoken, and the final came last.
         const QStringList partials = client->texts(u"partial"_s);
-        QVERIFY2(partials.size() >= 3, qPrintable(u"%1 partials: "_s.arg(partials.size()) + partials.join(u" | "_s)));
+        QVERIFY2(partials.size() >= 3,
+            qPrintable(u"%1 partials: "_s.arg(partials.size()) + partials.join(u" | "_s) + u"\n"_s
+                + QString::fromUtf8(m_server->output())));
         QCOMPARE(client->messages().constLast().value(u"type"_s).toString(), u"final"_s);
         for (qsizetype i = 1; i < partials.size(); ++i)
             QVERIFY(partials.at(i) != partials.at(i - 1));
