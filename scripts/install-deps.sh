@@ -36,6 +36,8 @@ packages=(
   # the Debian packages: icons drawn from the SVG, manual pages from --help, and the
   # checks the package test runs (lintian, desktop-file-validate, appstreamcli)
   librsvg2-bin help2man lintian desktop-file-utils appstream
+  # NIST's sclite scores the server's transcripts against reference texts (scripts/wer.sh)
+  sctk
   # replicas of the local backend: accounts in PostgreSQL through Qt's driver, HAProxy in front
   # (the tests run a private postgresql-15 cluster and HAProxy on loopback ports)
   libqt6sql6-psql postgresql-15 haproxy

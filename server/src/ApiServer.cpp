@@ -135,13 +135,16 @@ void ApiServer::addRoutes()
 
 QHttpServerResponse ApiServer::health() const
 {
-    return QHttpServerResponse(QJsonObject {
+    QJsonObject body {
         { u"status"_s, u"ok"_s },
         { u"version"_s, QStringLiteral(QUILLET_SERVER_VERSION) },
         { u"speech_engine"_s, m_speech.name() },
         { u"text_engine"_s, m_text.name() },
         { u"streams"_s, QJsonObject { { u"active"_s, m_counter.active() }, { u"limit"_s, m_counter.limit() } } },
-    });
+    };
+    if (const QJsonObject endpoint = m_speech.endpointStatus(); !endpoint.isEmpty())
+        body.insert(u"speech_endpoint"_s, endpoint);
+    return QHttpServerResponse(body);
 }
 
 QHttpServerResponse ApiServer::refresh(const QHttpServerRequest& request)

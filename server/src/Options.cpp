@@ -5,7 +5,10 @@
 #include <QFile>
 #include <QStandardPaths>
 
+#include <QRegularExpression>
+
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -37,6 +40,77 @@ bool readInt(const QCommandLineParser& parser, const QCommandLineOption& option,
     const qint64 value = parser.value(option).toLongLong(&ok);
     if (!ok || value < min || value > max) {
         *error = u"--%1 needs a whole number from %2 to %3"_s.arg(option.names().constFirst()).arg(min).arg(max);
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+// The option's value from the command line, else from its environment variable
+// (QUILLET_ and the option's name in capitals, "-" as "_"), else nothing.
+std::optional<QString> settingValue(
+    const QCommandLineParser& parser, const QCommandLineOption& option, const QProcessEnvironment& environment)
+{
+    if (parser.isSet(option))
+        return parser.value(option);
+    const QString variable = u"QUILLET_"_s + option.names().constFirst().toUpper().replace(u'-', u'_');
+    const QString value = environment.value(variable);
+    if (value.isEmpty())
+        return std::nullopt;
+    return value;
+}
+
+QString settingName(const QCommandLineParser& parser, const QCommandLineOption& option)
+{
+    const QString name = option.names().constFirst();
+    return parser.isSet(option) ? u"--"_s + name : u"QUILLET_"_s + name.toUpper().replace(u'-', u'_');
+}
+
+// An API key from a file that only its owner may read. The key itself never appears in a
+// message.
+bool readKeyFile(const QString& path, const QString& setting, QString* key, QString* error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = u"cannot read %1 %2: %3"_s.arg(setting, path, file.errorString());
+        return false;
+    }
+    struct stat info {
+    };
+    if (::fstat(file.handle(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        *error = u"%1 %2 is not a regular file"_s.arg(setting, path);
+        return false;
+    }
+    if ((info.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        *error = u"%1 %2 can be read by other users; make it private first (chmod 600 %2)"_s.arg(setting, path);
+        return false;
+    }
+    const QString text = QString::fromUtf8(file.readAll()).trimmed();
+    if (text.isEmpty()) {
+        *error = u"%1 %2 is empty"_s.arg(setting, path);
+        return false;
+    }
+    for (const QChar c : text) {
+        // It goes into an HTTP header as it is.
+        if (c.unicode() < 0x21 || c.unicode() > 0x7e) {
+            *error = u"%1 %2 must hold the key alone, on one line, in printable ASCII"_s.arg(setting, path);
+            return false;
+        }
+    }
+    *key = text;
+    return true;
+}
+
+bool readSetting(const QCommandLineParser& parser, const QCommandLineOption& option,
+    const QProcessEnvironment& environment, qint64 min, qint64 max, qint64* out, QString* error)
+{
+    const auto text = settingValue(parser, option, environment);
+    if (!text)
+        return true;
+    bool ok = false;
+    const qint64 value = text->toLongLong(&ok);
+    if (!ok || value < min || value > max) {
+        *error = u"%1 needs a whole number from %2 to %3"_s.arg(settingName(parser, option)).arg(min).arg(max);
         return false;
     }
     *out = value;
@@ -81,7 +155,30 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
         u"file"_s);
     const QCommandLineOption account(
         u"account-name"_s, u"Name of the local account (default: your user name)."_s, u"name"_s);
-    const QCommandLineOption speech(u"speech-engine"_s, u"Speech engine: pocketsphinx (default)."_s, u"name"_s);
+    const QCommandLineOption speech(u"speech-engine"_s,
+        u"Speech engine: pocketsphinx (default), or openai: an OpenAI-compatible transcription endpoint "
+        "(--speech-url) makes each dictation's final, while PocketSphinx shows the partials and answers when "
+        "the endpoint fails. Every --speech option can also be set in the environment, e.g. "
+        "QUILLET_SPEECH_ENGINE, QUILLET_SPEECH_URL; the command line wins."_s,
+        u"name"_s);
+    const QCommandLineOption speechUrl(u"speech-url"_s,
+        u"OpenAI-compatible endpoint, e.g. http://gpu-box:8080/v1 (requests go to .../audio/transcriptions); "
+        "implies --speech-engine openai."_s,
+        u"url"_s);
+    const QCommandLineOption speechModel(
+        u"speech-model"_s, u"Model name sent to the speech endpoint (default whisper-1)."_s, u"name"_s);
+    const QCommandLineOption speechKeyFile(u"speech-key-file"_s,
+        u"File holding the speech endpoint's API key, readable by its owner only (or set QUILLET_SPEECH_API_KEY)."_s,
+        u"file"_s);
+    const QCommandLineOption speechLanguage(u"speech-language"_s,
+        u"Language of the speech, sent to the endpoint (ISO 639-1, e.g. en; default: the endpoint guesses)."_s,
+        u"code"_s);
+    const QCommandLineOption speechTimeout(u"speech-timeout"_s,
+        u"Seconds from the end of a dictation to the endpoint's answer before PocketSphinx's text is used "
+        "instead (default 10)."_s,
+        u"seconds"_s);
+    const QCommandLineOption speechMaxRequests(u"speech-max-requests"_s,
+        u"Requests to the speech endpoint at once; more wait their turn (default: the stream limit)."_s, u"n"_s);
     const QCommandLineOption hmm(
         u"hmm"_s, u"PocketSphinx acoustic model directory (default %1)."_s.arg(model.acousticModel), u"dir"_s);
     const QCommandLineOption lm(
@@ -132,9 +229,10 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     const QCommandLineOption chatRewriteTimeout(u"chat-rewrite-timeout"_s,
         u"Milliseconds to wait for the chat endpoint on a rewrite (default 12000)."_s, u"ms"_s);
     parser.addOptions({ help, version, bind, allowRemote, apiPort, sitePort, dataDir, databaseUrl, databasePasswordFile,
-        signingKeyFile, account, speech, hmm, lm, dict, threads, preload, maxStreams, maxConnections,
-        maxUnauthenticated, headerTimeout, keepAliveTimeout, maxSeconds, authTimeout, idleTimeout, accessLifetime,
-        refreshLifetime, text, chatUrl, chatModel, chatKeyFile, chatCleanupTimeout, chatRewriteTimeout });
+        signingKeyFile, account, speech, speechUrl, speechModel, speechKeyFile, speechLanguage, speechTimeout,
+        speechMaxRequests, hmm, lm, dict, threads, preload, maxStreams, maxConnections, maxUnauthenticated,
+        headerTimeout, keepAliveTimeout, maxSeconds, authTimeout, idleTimeout, accessLifetime, refreshLifetime, text,
+        chatUrl, chatModel, chatKeyFile, chatCleanupTimeout, chatRewriteTimeout });
 
     auto fail = [&result](const QString& message) {
         result.action = ParsedOptions::Action::Fail;
@@ -195,10 +293,47 @@ ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironme
     if (o.accountName.trimmed().isEmpty())
         return fail(u"--account-name may not be empty"_s);
 
-    if (parser.isSet(speech)) {
-        o.speechEngine = parser.value(speech);
-        if (o.speechEngine != u"pocketsphinx"_s)
-            return fail(u"unknown speech engine \"%1\" (available: pocketsphinx)"_s.arg(o.speechEngine));
+    const auto speechUrlValue = settingValue(parser, speechUrl, environment);
+    if (const auto name = settingValue(parser, speech, environment))
+        o.speechEngine = *name;
+    else if (speechUrlValue)
+        o.speechEngine = u"openai"_s;
+    if (o.speechEngine != u"pocketsphinx"_s && o.speechEngine != u"openai"_s)
+        return fail(u"unknown speech engine \"%1\" (available: pocketsphinx, openai)"_s.arg(o.speechEngine));
+    if (o.speechEngine == u"openai"_s) {
+        o.speech.url = QUrl(speechUrlValue.value_or(QString()), QUrl::StrictMode);
+        if (!speechUrlValue || !o.speech.url.isValid() || o.speech.url.host().isEmpty()
+            || (o.speech.url.scheme() != u"http"_s && o.speech.url.scheme() != u"https"_s))
+            return fail(u"--speech-engine openai needs --speech-url with an http or https address"_s);
+        if (!o.speech.url.userInfo().isEmpty())
+            return fail(u"--speech-url may not hold a user name or password; use --speech-key-file"_s);
+        if (const auto model = settingValue(parser, speechModel, environment))
+            o.speech.model = *model;
+        o.speech.apiKey = environment.value(u"QUILLET_SPEECH_API_KEY"_s).trimmed();
+        if (const auto keyFile = settingValue(parser, speechKeyFile, environment)) {
+            if (!readKeyFile(*keyFile, settingName(parser, speechKeyFile), &o.speech.apiKey, &error))
+                return fail(error);
+        }
+        if (const auto language = settingValue(parser, speechLanguage, environment)) {
+            static const QRegularExpression code(u"^[A-Za-z]{2,3}([-_][A-Za-z0-9]{2,8})?$"_s);
+            if (!code.match(*language).hasMatch())
+                return fail(u"%1 needs a language code such as en or pt-BR"_s.arg(settingName(parser, speechLanguage)));
+            o.speech.language = *language;
+        }
+        value = o.speech.timeoutMs / 1000;
+        if (!readSetting(parser, speechTimeout, environment, 1, 600, &value, &error))
+            return fail(error);
+        o.speech.timeoutMs = int(value * 1000);
+        value = o.speech.maxRequests;
+        if (!readSetting(parser, speechMaxRequests, environment, 1, 1024, &value, &error))
+            return fail(error);
+        o.speech.maxRequests = int(value);
+    } else {
+        for (const QCommandLineOption* option :
+            { &speechUrl, &speechModel, &speechKeyFile, &speechLanguage, &speechTimeout, &speechMaxRequests }) {
+            if (parser.isSet(*option))
+                return fail(u"--%1 needs --speech-engine openai"_s.arg(option->names().constFirst()));
+        }
     }
     if (parser.isSet(hmm))
         o.model.acousticModel = parser.value(hmm);

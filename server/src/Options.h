@@ -3,6 +3,7 @@
 #include "ChatTextEngine.h"
 #include "DatabaseUrl.h"
 #include "HttpGate.h"
+#include "OpenAiSpeechEngine.h"
 #include "PocketSphinxEngine.h"
 #include "StreamSession.h"
 
@@ -21,7 +22,8 @@ struct ServerOptions {
     std::optional<PostgresConnection> postgres; // accounts and tokens in PostgreSQL instead of SQLite
     QString signingKeyFile; // empty: signing.key in the data directory
     QString accountName;
-    QString speechEngine = QStringLiteral("pocketsphinx");
+    QString speechEngine = QStringLiteral("pocketsphinx"); // or "openai"
+    SpeechEndpoint speech; // with "openai"
     PocketSphinxModel model = PocketSphinxModel::debianDefault();
     int decoderThreads = 0; // 0: one per core
     int preloadDecoders = 1;
@@ -43,7 +45,10 @@ struct ParsedOptions {
     QString text; // help or version text, or the error
 };
 
-// Reads the command line (and QUILLET_CHAT_API_KEY from the environment, since keys on
-// a command line are visible to every user through ps; the database password comes from
-// a file, or from libpq's own PGPASSWORD and PGPASSFILE).
+// Reads the command line (and QUILLET_CHAT_API_KEY and QUILLET_SPEECH_API_KEY from the
+// environment, since keys on a command line are visible to every user through ps; the
+// database password comes from a file, or from libpq's own PGPASSWORD and PGPASSFILE).
+// The speech engine's options can also come from the environment, for a systemd unit:
+// QUILLET_SPEECH_ENGINE, QUILLET_SPEECH_URL, ... (the option's name in capitals); the
+// command line wins.
 ParsedOptions parseOptions(const QStringList& arguments, const QProcessEnvironment& environment);

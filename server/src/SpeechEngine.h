@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 
 #include <memory>
@@ -41,4 +42,6 @@ public:
     virtual ~SpeechEngine() = default;
     virtual QString name() const = 0;
     virtual std::unique_ptr<SpeechStream> open(QObject* context, SpeechSink* sink) = 0;
+    // What /health shows about a remote recogniser behind this engine; empty when there is none.
+    virtual QJsonObject endpointStatus() const { return {}; }
 };

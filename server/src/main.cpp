@@ -3,6 +3,7 @@
 #include "Capacity.h"
 #include "ChatTextEngine.h"
 #include "Log.h"
+#include "OpenAiSpeechEngine.h"
 #include "Options.h"
 #include "PocketSphinxEngine.h"
 #include "RuleTextEngine.h"
@@ -124,13 +125,33 @@ int main(int argc, char* argv[])
         return failStart(u"cannot create the local account in the database"_s);
 
     const int threads = options.decoderThreads > 0 ? options.decoderThreads : std::max(1, QThread::idealThreadCount());
-    PocketSphinxEngine speech(options.model, threads);
-    if (!speech.prepare(options.preloadDecoders, &error))
+    PocketSphinxEngine pocketsphinx(options.model, threads);
+    const bool remoteSpeech = options.speechEngine == u"openai"_s;
+    const bool embedded = pocketsphinx.prepare(options.preloadDecoders, &error);
+    if (embedded) {
+        Log::line(Log::Kind::Audio,
+            u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
+                .arg(std::max(options.preloadDecoders, pocketsphinx.lanes()))
+                .arg(options.model.acousticModel));
+    } else if (!remoteSpeech) {
         return failStart(u"speech engine: %1"_s.arg(error));
-    Log::line(Log::Kind::Audio,
-        u"speech engine pocketsphinx ready (%1 decoding threads, %2 decoders, model %3)"_s.arg(threads)
-            .arg(std::max(options.preloadDecoders, speech.lanes()))
-            .arg(options.model.acousticModel));
+    } else {
+        Log::line(Log::Kind::Warning,
+            u"pocketsphinx unavailable (%1): the speech endpoint alone serves, without partials"_s.arg(error));
+    }
+    SpeechEngine* speech = &pocketsphinx;
+    std::unique_ptr<OpenAiSpeechEngine> remote;
+    if (remoteSpeech) {
+        remote = std::make_unique<OpenAiSpeechEngine>(options.speech, embedded ? &pocketsphinx : nullptr);
+        if (options.speech.maxRequests == 0)
+            remote->setRequestLimit(options.limits.maxStreams);
+        speech = remote.get();
+        // The address without its query, which some services use for credentials.
+        Log::line(Log::Kind::Audio,
+            u"speech engine %1 at %2%3"_s.arg(remote->name(),
+                options.speech.transcriptionsUrl().toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery),
+                embedded ? u", partials and fall-back from pocketsphinx"_s : QString()));
+    }
 
     RuleTextEngine rules;
     std::unique_ptr<ChatTextEngine> chat;
@@ -145,7 +166,7 @@ int main(int argc, char* argv[])
         Log::line(Log::Kind::Text, u"text engine rules"_s);
     }
 
-    ApiServer api(auth, speech, *text, options.limits, options.maxConnections);
+    ApiServer api(auth, *speech, *text, options.limits, options.maxConnections);
     api.setHttpSettings(options.http);
     api.setUnauthenticatedLimit(options.maxUnauthenticated);
     const quint16 apiPort = api.listen(options.bindAddress, options.apiPort);
@@ -174,32 +195,39 @@ int main(int argc, char* argv[])
 
     // Measured once in the background, so the listeners answer at once; until the figure
     // arrives (well under a second) the limit is the option's default.
-    const int cores = std::min(speech.lanes(), std::max(1, QThread::idealThreadCount()));
-    speech.measureRealTimeFactor(Capacity::calibrationClip(), [api = QPointer(&api), &options, cores](double factor) {
-        // Posted to the application, which outlives the API server; the server is checked there.
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [api, &options, cores, factor] {
-                if (!api)
-                    return;
-                if (!(factor > 0)) {
-                    Log::line(Log::Kind::Warning,
-                        u"capacity: the speech engine could not be measured; %1 streams at once"_s.arg(
-                            options.limits.maxStreams));
-                    return;
-                }
-                const int capacity = Capacity::streams(cores, factor);
-                const QString measured = u"%1 cores, real-time factor %2"_s.arg(cores).arg(factor, 0, 'f', 3);
-                if (!options.measureStreamLimit) {
-                    Log::line(Log::Kind::Info,
-                        u"capacity: %1 streams (%2); --max-streams %3 applies"_s.arg(capacity).arg(measured).arg(
-                            options.limits.maxStreams));
-                    return;
-                }
-                api->setStreamLimit(capacity);
-                Log::line(Log::Kind::Info, u"capacity: %1 streams (%2)"_s.arg(capacity).arg(measured));
-            },
-            Qt::QueuedConnection);
-    });
+    const int cores = std::min(pocketsphinx.lanes(), std::max(1, QThread::idealThreadCount()));
+    if (!embedded)
+        return app.exec(); // nothing to measure: the limit is --max-streams or its default
+    // Requests to the speech endpoint follow the stream limit unless --speech-max-requests says otherwise.
+    OpenAiSpeechEngine* followsLimit = remote && options.speech.maxRequests == 0 ? remote.get() : nullptr;
+    pocketsphinx.measureRealTimeFactor(
+        Capacity::calibrationClip(), [api = QPointer(&api), &options, cores, followsLimit](double factor) {
+            // Posted to the application, which outlives the API server; the server is checked there.
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(),
+                [api, &options, cores, factor, followsLimit] {
+                    if (!api)
+                        return;
+                    if (!(factor > 0)) {
+                        Log::line(Log::Kind::Warning,
+                            u"capacity: the speech engine could not be measured; %1 streams at once"_s.arg(
+                                options.limits.maxStreams));
+                        return;
+                    }
+                    const int capacity = Capacity::streams(cores, factor);
+                    const QString measured = u"%1 cores, real-time factor %2"_s.arg(cores).arg(factor, 0, 'f', 3);
+                    if (!options.measureStreamLimit) {
+                        Log::line(Log::Kind::Info,
+                            u"capacity: %1 streams (%2); --max-streams %3 applies"_s.arg(capacity).arg(measured).arg(
+                                options.limits.maxStreams));
+                        return;
+                    }
+                    api->setStreamLimit(capacity);
+                    if (followsLimit)
+                        followsLimit->setRequestLimit(capacity);
+                    Log::line(Log::Kind::Info, u"capacity: %1 streams (%2)"_s.arg(capacity).arg(measured));
+                },
+                Qt::QueuedConnection);
+        });
     return app.exec();
 }

@@ -1,12 +1,16 @@
-// The server's pure parts on their own: the rule text engine, HS256 tokens and the
-// stream's message parsing.
+// The server's pure parts on their own: the rule text engine, HS256 tokens, the
+// stream's message parsing, and the speech endpoint's request, answer and options.
 #include "Jwt.h"
+#include "OpenAiSpeechEngine.h"
+#include "Options.h"
 #include "RuleTextEngine.h"
 #include "StreamProtocol.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QtEndian>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -128,6 +132,11 @@ private Q_SLOTS:
         QCOMPARE(Jwt::verify("", key, 1500).verdict, Jwt::Verdict::Malformed);
     }
 
+    void speechWavFile();
+    void speechReplyText();
+    void speechEndpointAddress();
+    void speechOptions();
+
     void streamMessages()
     {
         using Kind = StreamProtocol::ClientMessage::Kind;
@@ -153,6 +162,103 @@ private Q_SLOTS:
         QCOMPARE(StreamProtocol::finalMessage(u"hi"_s), QByteArray(R"({"text":"hi","type":"final"})"));
     }
 };
+
+void ServerRules::speechWavFile()
+{
+    const QByteArray pcm = QByteArray::fromHex("0100ff7f0080");
+    const QByteArray wav = OpenAiSpeechEngine::wavFile(pcm);
+    QCOMPARE(wav.size(), 44 + 6);
+    QCOMPARE(wav.left(4), QByteArray("RIFF"));
+    QCOMPARE(qFromLittleEndian<quint32>(wav.constData() + 4), quint32(36 + 6));
+    QCOMPARE(wav.mid(8, 8), QByteArray("WAVEfmt "));
+    QCOMPARE(qFromLittleEndian<quint16>(wav.constData() + 22), quint16(1)); // mono
+    QCOMPARE(qFromLittleEndian<quint32>(wav.constData() + 24), quint32(16000));
+    QCOMPARE(qFromLittleEndian<quint16>(wav.constData() + 34), quint16(16));
+    QCOMPARE(wav.mid(36, 4), QByteArray("data"));
+    QCOMPARE(qFromLittleEndian<quint32>(wav.constData() + 40), quint32(6));
+    QCOMPARE(wav.mid(44), pcm);
+}
+
+void ServerRules::speechReplyText()
+{
+    QString why;
+    QCOMPARE(
+        OpenAiSpeechEngine::replyText("{\"text\":\" Hello there.\\n\"}", &why).value_or(u"-"_s), u"Hello there."_s);
+    QCOMPARE(OpenAiSpeechEngine::replyText("{\"text\":\"\"}", &why).value_or(u"-"_s), QString());
+    QVERIFY(!OpenAiSpeechEngine::replyText("{\"text\": \"half", &why).has_value());
+    QCOMPARE(why, u"malformed JSON in the answer"_s);
+    QVERIFY(!OpenAiSpeechEngine::replyText("[\"text\"]", &why).has_value());
+    QCOMPARE(why, u"malformed JSON in the answer"_s);
+    QVERIFY(!OpenAiSpeechEngine::replyText("{\"text\":42}", &why).has_value());
+    QCOMPARE(why, u"no \"text\" in the answer"_s);
+    QVERIFY(!OpenAiSpeechEngine::replyText("{\"segments\":[]}", &why).has_value());
+}
+
+void ServerRules::speechEndpointAddress()
+{
+    SpeechEndpoint endpoint;
+    endpoint.url = QUrl(u"http://gpu-box:8080/v1/"_s);
+    QCOMPARE(endpoint.transcriptionsUrl(), QUrl(u"http://gpu-box:8080/v1/audio/transcriptions"_s));
+    endpoint.url = QUrl(u"https://api.example/v1/audio/transcriptions"_s);
+    QCOMPARE(endpoint.transcriptionsUrl(), QUrl(u"https://api.example/v1/audio/transcriptions"_s));
+}
+
+void ServerRules::speechOptions()
+{
+    QTemporaryDir dir;
+    const QString keyPath = dir.filePath(u"key"_s);
+    QFile key(keyPath);
+    QVERIFY(key.open(QIODevice::WriteOnly));
+    key.write("sk-abc123\n");
+    key.close();
+    QVERIFY(key.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+
+    const QProcessEnvironment none;
+    ParsedOptions parsed = parseOptions({ u"quillet-server"_s, u"--speech-url"_s, u"http://h:8080/v1"_s,
+                                            u"--speech-key-file"_s, keyPath, u"--speech-language"_s, u"en"_s },
+        none);
+    QCOMPARE(int(parsed.action), int(ParsedOptions::Action::Run));
+    QCOMPARE(parsed.options.speechEngine, u"openai"_s);
+    QCOMPARE(parsed.options.speech.apiKey, u"sk-abc123"_s);
+    QCOMPARE(parsed.options.speech.model, u"whisper-1"_s);
+    QCOMPARE(parsed.options.speech.language, u"en"_s);
+    QCOMPARE(parsed.options.speech.timeoutMs, 10'000);
+    QCOMPARE(parsed.options.speech.maxRequests, 0);
+
+    // The same from the environment; the command line wins.
+    QProcessEnvironment environment;
+    environment.insert(u"QUILLET_SPEECH_URL"_s, u"http://env:1/v1"_s);
+    environment.insert(u"QUILLET_SPEECH_MODEL"_s, u"large-v3"_s);
+    environment.insert(u"QUILLET_SPEECH_TIMEOUT"_s, u"7"_s);
+    environment.insert(u"QUILLET_SPEECH_MAX_REQUESTS"_s, u"3"_s);
+    environment.insert(u"QUILLET_SPEECH_API_KEY"_s, u"sk-from-env"_s);
+    parsed = parseOptions({ u"quillet-server"_s, u"--speech-model"_s, u"small"_s }, environment);
+    QCOMPARE(int(parsed.action), int(ParsedOptions::Action::Run));
+    QCOMPARE(parsed.options.speechEngine, u"openai"_s);
+    QCOMPARE(parsed.options.speech.url, QUrl(u"http://env:1/v1"_s));
+    QCOMPARE(parsed.options.speech.model, u"small"_s);
+    QCOMPARE(parsed.options.speech.timeoutMs, 7000);
+    QCOMPARE(parsed.options.speech.maxRequests, 3);
+    QCOMPARE(parsed.options.speech.apiKey, u"sk-from-env"_s);
+
+    environment.insert(u"QUILLET_SPEECH_TIMEOUT"_s, u"soon"_s);
+    parsed = parseOptions({ u"quillet-server"_s }, environment);
+    QCOMPARE(int(parsed.action), int(ParsedOptions::Action::Fail));
+    QCOMPARE(parsed.text, u"QUILLET_SPEECH_TIMEOUT needs a whole number from 1 to 600"_s);
+
+    // A key others can read is refused, and the refusal does not quote it.
+    QVERIFY(key.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther));
+    parsed = parseOptions(
+        { u"quillet-server"_s, u"--speech-url"_s, u"http://h/v1"_s, u"--speech-key-file"_s, keyPath }, none);
+    QCOMPARE(int(parsed.action), int(ParsedOptions::Action::Fail));
+    QVERIFY2(parsed.text.contains(u"can be read by other users"_s), qPrintable(parsed.text));
+    QVERIFY(!parsed.text.contains(u"sk-abc123"_s));
+
+    parsed = parseOptions({ u"quillet-server"_s, u"--speech-timeout"_s, u"5"_s }, none);
+    QCOMPARE(parsed.text, u"--speech-timeout needs --speech-engine openai"_s);
+    parsed = parseOptions({ u"quillet-server"_s, u"--speech-engine"_s, u"openai"_s }, none);
+    QCOMPARE(parsed.text, u"--speech-engine openai needs --speech-url with an http or https address"_s);
+}
 
 QTEST_GUILESS_MAIN(ServerRules)
 #include "tst_server_rules.moc"
