@@ -1,3 +1,4 @@
+#include "StdoutCapture.h"
 #include "platform/SecretStore.h"
 #include "services/KeychainHelper.h"
 
@@ -38,7 +39,10 @@ private Q_SLOTS:
         KeychainHelper::setStore(nullptr); // the system's choice
     }
     void init() { wipe(); }
-    void cleanupTestCase() { wipe(); }
+    void cleanupTestCase()
+    {
+        wipe(); // a locked keyring keeps its items: the session's keyring goes with the session
+    }
 
     void theSessionsStoreIsChosen() { QCOMPARE(store().backendName(), m_expected); }
 
@@ -150,45 +154,37 @@ private Q_SLOTS:
         }
     }
 
-    void keychainCallsHandleNoQtEvents()
+    void keychainCallsLetTheEventLoopRun()
     {
-        // A timer that is due and a queued call are waiting when the store is used;
-        // neither may run inside a store call, or a hotkey or HUD callback could
-        // re-enter the dictation in the middle of a token read.
-        int timerRuns = 0;
-        int queuedRuns = 0;
+        // The store is asked on the token store's own thread: while it answers, the
+        // program's timers and queued calls go on (a key press, the capsule's timers,
+        // a sign-in link). A call posted before each operation has run by the time the
+        // operation's answer arrives.
         QObject context;
-        const auto ranDuring = [&](const char* during) {
-            return u"Qt events ran during %1 (timer %2, queued call %3)"_s.arg(QString::fromLatin1(during))
-                .arg(timerRuns)
-                .arg(queuedRuns);
-        };
-        const auto nothingRan = [&] { return timerRuns == 0 && queuedRuns == 0; };
-        const auto postBoth = [&] {
-            QTimer::singleShot(0, &context, [&] { ++timerRuns; });
+        int queuedRuns = 0;
+        const auto post = [&] {
             QMetaObject::invokeMethod(
                 &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
         };
-
-        postBoth();
-        QCOMPARE(store().add(u"quillet.access_token"_s, "abc"), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("add")));
-        QByteArray data;
-        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy")));
-        QCOMPARE(store().copy(u"quillet.refresh_token"_s, data), SecretStore::Status::NotFound);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy of a missing item")));
-        QCOMPARE(store().remove(u"quillet.access_token"_s), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("remove")));
-        KeychainHelper::save(u"quillet.access_token"_s, u"t"_s);
-        KeychainHelper::load(u"quillet.access_token"_s);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("KeychainHelper::save and load")));
-        QCOMPARE(makeSystemSecretStore()->backendName(), m_expected);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("choosing the store")));
-
-        // Both were really pending: they run as soon as the loop gets control back.
-        QTRY_COMPARE(timerRuns, 1);
-        QTRY_COMPARE(queuedRuns, 1);
+        const auto ranBefore = [&](auto task) {
+            const int before = queuedRuns;
+            return QCoro::waitFor([&]() -> QCoro::Task<bool> {
+                co_await std::move(task);
+                co_return queuedRuns > before;
+            }());
+        };
+        const QString token = u"aaa.bbb.ccc"_s;
+        post();
+        QVERIFY2(ranBefore(KeychainHelper::saveAsync(u"quillet.access_token"_s, token)), "blocked during save");
+        post();
+        QVERIFY2(ranBefore(KeychainHelper::loadAsync(u"quillet.access_token"_s)), "blocked during load");
+        post();
+        QVERIFY2(ranBefore(KeychainHelper::validAccessToken()), "blocked during validAccessToken");
+        post();
+        QVERIFY2(ranBefore(KeychainHelper::clearTokensAsync()), "blocked during clearTokens");
+        post();
+        QVERIFY2(ranBefore(KeychainHelper::migrateIfNeededAsync()), "blocked during the migration");
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
     }
 
     void itemsOfTheEarlierBuildAreFound()
@@ -234,6 +230,40 @@ private Q_SLOTS:
         QFile::remove(defaultSecretFilePath());
         KeychainHelper::save(u"quillet.access_token"_s, u"c"_s);
         QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"c"_s));
+    }
+
+    // Last: the keyring stays locked for the rest of this session.
+    void zzLockedKeyringIsReportedAsLocked()
+    {
+        if (m_expected != u"Secret Service"_s)
+            QSKIP("only the Secret Service can be locked");
+        KeychainHelper::save(u"quillet.access_token"_s, u"locked-away"_s);
+        // As after a suspend: the user's keyring is locked while Quillet runs.
+        QProcess lock;
+        lock.start(u"secret-tool"_s, { u"lock"_s, u"--collection=/org/freedesktop/secrets/aliases/default"_s });
+        QVERIFY(lock.waitForFinished(10000));
+        QCOMPARE(lock.exitCode(), 0);
+
+        StdoutCapture out;
+        QObject context;
+        int queuedRuns = 0;
+        QMetaObject::invokeMethod(
+            &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
+        const KeychainHelper::Read read = QCoro::waitFor(KeychainHelper::loadAsync(u"quillet.access_token"_s));
+        QCOMPARE(queuedRuns, 1);
+        QCOMPARE(read.status, SecretStore::Status::Locked);
+        QCOMPARE(read.value, std::nullopt);
+        // Not "signed out": the log says what is wrong.
+        QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::nullopt);
+        // A save no prompt can unlock (there is no prompter in this session) fails, and says so.
+        const SecretStore::Status saved
+            = QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.refresh_token"_s, u"refresh-token"_s));
+        QCOMPARE(saved, SecretStore::Status::Locked);
+        QCOMPARE(out.lines(),
+            (QStringList { u"⚠️ [Quillet] the keyring is locked: unlock it to use your sign-in"_s,
+                u"✗ [Quillet] could not save quillet.refresh_token: the keyring is locked"_s }));
+        // The keyring was not swapped for the private file.
+        QCOMPARE(makeSystemSecretStore()->backendName(), u"Secret Service"_s);
     }
 };
 
