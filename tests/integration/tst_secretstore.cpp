@@ -1,4 +1,5 @@
 #include "StdoutCapture.h"
+#include "TestTokens.h"
 #include "platform/SecretStore.h"
 #include "services/KeychainHelper.h"
 
@@ -6,8 +7,11 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QProcess>
+#include <QSemaphore>
 #include <QTimer>
 #include <QtTest>
+
+#include <atomic>
 
 #include <sys/stat.h>
 
@@ -156,34 +160,58 @@ private Q_SLOTS:
 
     void keychainCallsLetTheEventLoopRun()
     {
-        // The store is asked on the token store's own thread: while it answers, the
-        // program's timers and queued calls go on (a key press, the capsule's timers,
-        // a sign-in link). A call posted before each operation has run by the time the
-        // operation's answer arrives.
-        QObject context;
-        int queuedRuns = 0;
-        const auto post = [&] {
-            QMetaObject::invokeMethod(
-                &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
+        // The session's store, behind a gate that opens only when the program's event
+        // loop runs a timer: the store is asked on the token store's own thread, and the
+        // GUI thread goes on meanwhile (a key press, the capsule's timers, a sign-in
+        // link). Had a call been made on the GUI thread, the gate would never open and
+        // the call would fail after 5 s.
+        struct GatedStore final : SecretStore {
+            std::unique_ptr<SecretStore> inner;
+            QSemaphore gate;
+            std::atomic<int> timedOut { 0 };
+            bool pass()
+            {
+                if (gate.tryAcquire(1, 5000))
+                    return true;
+                ++timedOut;
+                return false;
+            }
+            Status copy(const QString& a, QByteArray& d) override
+            {
+                return pass() ? inner->copy(a, d) : Status::Unavailable;
+            }
+            Status remove(const QString& a) override { return pass() ? inner->remove(a) : Status::Unavailable; }
+            Status add(const QString& a, const QByteArray& d) override
+            {
+                return pass() ? inner->add(a, d) : Status::Unavailable;
+            }
+            QString backendName() const override { return inner->backendName(); }
         };
-        const auto ranBefore = [&](auto task) {
-            const int before = queuedRuns;
-            return QCoro::waitFor([&]() -> QCoro::Task<bool> {
-                co_await std::move(task);
-                co_return queuedRuns > before;
-            }());
-        };
-        const QString token = u"aaa.bbb.ccc"_s;
-        post();
-        QVERIFY2(ranBefore(KeychainHelper::saveAsync(u"quillet.access_token"_s, token)), "blocked during save");
-        post();
-        QVERIFY2(ranBefore(KeychainHelper::loadAsync(u"quillet.access_token"_s)), "blocked during load");
-        post();
-        QVERIFY2(ranBefore(KeychainHelper::validAccessToken()), "blocked during validAccessToken");
-        post();
-        QVERIFY2(ranBefore(KeychainHelper::clearTokensAsync()), "blocked during clearTokens");
-        post();
-        QVERIFY2(ranBefore(KeychainHelper::migrateIfNeededAsync()), "blocked during the migration");
+        auto owner = std::make_unique<GatedStore>();
+        owner->inner = makeSystemSecretStore();
+        QCOMPARE(owner->inner->backendName(), m_expected);
+        GatedStore* gated = owner.get();
+        KeychainHelper::setStore(std::move(owner));
+        auto restore = qScopeGuard([] { KeychainHelper::setStore(nullptr); });
+        // Each operation's store calls are let through by the event loop, from a timer.
+        const auto openFromTheLoop
+            = [&](int calls) { QTimer::singleShot(0, this, [gated, calls] { gated->gate.release(calls); }); };
+
+        const QString token = TestTokens::expiringIn(3600);
+        openFromTheLoop(2);
+        QCOMPARE(
+            QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.access_token"_s, token)), SecretStore::Status::Success);
+        openFromTheLoop(1);
+        QCOMPARE(
+            QCoro::waitFor(KeychainHelper::loadAsync(u"quillet.access_token"_s)).value, std::optional<QString>(token));
+        openFromTheLoop(1);
+        QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::optional<QString>(token));
+        openFromTheLoop(2);
+        QCoro::waitFor(KeychainHelper::clearTokensAsync());
+        openFromTheLoop(2);
+        QCoro::waitFor(KeychainHelper::migrateIfNeededAsync()); // signed out, no legacy items: two reads
+        QCOMPARE(gated->timedOut.load(), 0);
+        gated->gate.release(1);
         QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
     }
 
@@ -240,7 +268,10 @@ private Q_SLOTS:
         KeychainHelper::save(u"quillet.access_token"_s, u"locked-away"_s);
         // As after a suspend: the user's keyring is locked while Quillet runs.
         QProcess lock;
-        lock.start(u"secret-tool"_s, { u"lock"_s, u"--collection=/org/freedesktop/secrets/aliases/default"_s });
+        lock.start(u"dbus-send"_s,
+            { u"--session"_s, u"--print-reply"_s, u"--dest=org.freedesktop.secrets"_s, u"/org/freedesktop/secrets"_s,
+                u"org.freedesktop.Secret.Service.Lock"_s,
+                u"array:objpath:/org/freedesktop/secrets/collection/login"_s });
         QVERIFY(lock.waitForFinished(10000));
         QCOMPARE(lock.exitCode(), 0);
 
@@ -255,7 +286,7 @@ private Q_SLOTS:
         QCOMPARE(read.value, std::nullopt);
         // Not "signed out": the log says what is wrong.
         QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::nullopt);
-        // A save no prompt can unlock (there is no prompter in this session) fails, and says so.
+        // A save fails at once, and says so.
         const SecretStore::Status saved
             = QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.refresh_token"_s, u"refresh-token"_s));
         QCOMPARE(saved, SecretStore::Status::Locked);

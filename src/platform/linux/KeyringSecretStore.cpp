@@ -16,7 +16,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A write may ask the user to unlock the keyring; give them time, but never wait forever.
+// A Secret Service that hangs must not hold the keychain thread for ever.
 constexpr std::chrono::milliseconds callTimeout { 60'000 };
 // Deciding whether the keyring is usable at all must not stall start-up behind a
 // prompt nobody answers (a headless session, a keyring without any collection).
@@ -98,8 +98,11 @@ std::optional<QByteArray> lookup(
 enum class CollectionState { Unlocked, Locked, Missing, NoAnswer };
 
 // Whether the default collection (where our items go) is locked, asked without any
-// prompt: a locked keyring is reported as such, never waited on.
-CollectionState defaultCollectionState(GCancellable* cancellable, bool unlockIfLocked = false)
+// prompt: a locked keyring is reported as such, never waited on. (An unlock prompt
+// with nobody to answer it, as in a session without a prompter, would hold every
+// later call until the deadline; the user unlocks the keyring with the desktop's
+// own tools, and the next call finds it open.)
+CollectionState defaultCollectionState(GCancellable* cancellable)
 {
     GError* raw = nullptr;
     SecretService* secrets = secret_service_get_sync(SECRET_SERVICE_NONE, cancellable, &raw);
@@ -114,18 +117,7 @@ CollectionState defaultCollectionState(GCancellable* cancellable, bool unlockIfL
         g_object_unref(secrets);
         return error ? CollectionState::NoAnswer : CollectionState::Missing;
     }
-    bool locked = secret_collection_get_locked(collection);
-    if (locked && unlockIfLocked) {
-        // Only for a write the user asked for (a sign-in): the keyring may show its
-        // unlock prompt. This runs on the keychain thread, so the program goes on
-        // meanwhile; the deadline ends the wait.
-        GList* objects = g_list_append(nullptr, collection);
-        raw = nullptr;
-        secret_service_unlock_sync(secrets, objects, cancellable, nullptr, &raw);
-        error.reset(raw);
-        g_list_free(objects);
-        locked = secret_collection_get_locked(collection);
-    }
+    const bool locked = secret_collection_get_locked(collection);
     g_object_unref(collection);
     g_object_unref(secrets);
     return locked ? CollectionState::Locked : CollectionState::Unlocked;
@@ -197,7 +189,7 @@ SecretStore::Status KeyringSecretStore::add(const QString& account, const QByteA
     const QByteArray label = m_service.toUtf8();
     const QByteArray secret = data.toBase64();
     const Deadline deadline(callTimeout);
-    switch (defaultCollectionState(deadline.cancellable(), true)) {
+    switch (defaultCollectionState(deadline.cancellable())) {
     case CollectionState::Locked:
         return Status::Locked;
     case CollectionState::NoAnswer:

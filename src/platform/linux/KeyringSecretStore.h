@@ -5,8 +5,8 @@
 // Items in the desktop keyring over the freedesktop Secret Service, through
 // libsecret's synchronous calls, bounded by a deadline. They block their thread for
 // as long as the keyring takes: the token store makes them on a thread of its own,
-// never on the GUI thread. A locked keyring is reported as Locked without a prompt,
-// except by add(), which lets the keyring ask the user to unlock it. Items keep the shape the QtKeychain-based build
+// never on the GUI thread. A locked keyring is reported as Locked, without an unlock
+// prompt. Items keep the shape the QtKeychain-based build
 // gave them (schema "org.qt.keychain", attributes "user" = account, "server" = service, "type" = "base64"), so tokens
 // saved by it are still found.
 class KeyringSecretStore final : public SecretStore
