@@ -318,15 +318,13 @@ private Q_SLOTS:
         auto waiting = std::make_unique<WaitingStore>();
         waiting->inner = makeFileSecretStore(m_dir->filePath(u"credentials.json"_s));
         waiting->answered = &answered;
-        answered.release(2); // the two saves below are not the subject
         KeychainHelper::setStore(std::move(waiting));
-        KeychainHelper::save(KeychainHelper::accessTokenKey, m_newAccess);
-        QCOMPARE(answered.available(), 2);
+        KeychainHelper::save(KeychainHelper::accessTokenKey, m_newAccess); // a save reads nothing: not gated
 
         QTimer::singleShot(0, this, [&] { answered.release(); });
         const std::optional<QString> value = QCoro::waitFor(KeychainHelper::validAccessToken());
         QCOMPARE(value, std::optional<QString>(m_newAccess));
-        QCOMPARE(answered.available(), 2);
+        QCOMPARE(answered.available(), 0);
     }
 };
 
