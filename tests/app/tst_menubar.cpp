@@ -529,6 +529,7 @@ private Q_SLOTS:
         QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
 
         auto storeOwner = std::make_unique<MemorySecretStore>();
+        MemorySecretStore* store = storeOwner.get();
         KeychainHelper::setStore(std::move(storeOwner));
         auto restoreStore = qScopeGuard([] { KeychainHelper::setStore(nullptr); });
         KeychainHelper::save(KeychainHelper::accessTokenKey, u"access-token"_s);
@@ -567,7 +568,19 @@ private Q_SLOTS:
 
         // Rebuilding does not repeat the warning.
         controller.rebuildMenu();
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::SignedOut);
         QCOMPARE(output.lines().size(), 1);
+
+        // Signed in again, then the keyring locks (as after a suspend): the menu says so
+        // instead of offering a sign-in as if the user had signed out.
+        // (The blocking save returns once the keychain thread is idle, so the flag is safe to set.)
+        KeychainHelper::save(KeychainHelper::accessTokenKey, u"access-token"_s);
+        store->locked = true;
+        controller.rebuildMenu();
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::KeyringLocked);
+        QList<Entry> locked = signedOutMenu();
+        locked.first().label = u"Quillet — Keyring Locked"_s;
+        QCOMPARE(menuEntries(*controller.menu()), locked);
     }
 };
 
