@@ -1,6 +1,8 @@
-// What reading the access token costs on the main thread, where every request asks
-// for it first: KeychainHelper::load() and validAccessToken() for a token that is far
-// from expiring, against the Secret Service and against the private-file fallback.
+// What reading the access token costs, where every request asks for it first: the
+// round trip of validAccessToken() and loadAsync() for a token that is far from
+// expiring (the store is asked on the keychain thread), how long each call holds the
+// GUI thread before it hands back its task, and the blocking load() for comparison;
+// against the Secret Service and against the private-file fallback.
 // Needs the desktop session's keyring:
 //   scripts/desktop-session.sh --no-sound --no-a11y -- build/release/bin/bench_token_read [reads]
 
@@ -55,9 +57,21 @@ void measure(const char* backend, int reads)
 {
     const QString token = tokenValidForAnHour();
     KeychainHelper::save(KeychainHelper::accessTokenKey, token);
-    report("load()", backend, reads, [&] { return KeychainHelper::load(KeychainHelper::accessTokenKey) == token; });
+    report("load() (blocking)", backend, reads,
+        [&] { return KeychainHelper::load(KeychainHelper::accessTokenKey) == token; });
+    report("loadAsync()", backend, reads,
+        [&] { return QCoro::waitFor(KeychainHelper::loadAsync(KeychainHelper::accessTokenKey)).value == token; });
     report("validAccessToken()", backend, reads,
         [&] { return QCoro::waitFor(KeychainHelper::validAccessToken()) == std::optional<QString>(token); });
+    // The part of a call the GUI thread waits for: up to the task's first suspension.
+    std::vector<QCoro::Task<std::optional<QString>>> pending;
+    pending.reserve(size_t(reads));
+    report("GUI thread held", backend, reads, [&] {
+        pending.push_back(KeychainHelper::validAccessToken());
+        return true;
+    });
+    for (auto& task : pending)
+        QCoro::waitFor(std::move(task));
     KeychainHelper::clearTokens();
 }
 

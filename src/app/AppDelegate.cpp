@@ -45,7 +45,9 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
     connect(instance, &SingleInstance::linkReceived, this, &AppDelegate::handleDeepLink);
     // Started again from a launcher: the user wants to see Quillet, and it has no other window.
     connect(instance, &SingleInstance::activated, this, &AppDelegate::showSettings);
-    KeychainHelper::migrateIfNeeded();
+    // The migration runs on the keychain thread before anything else asks the store,
+    // so the menu's first read already sees its result.
+    KeychainHelper::migrateIfNeededAsync();
 
     m_menuBarController = std::make_unique<MenuBarController>(this, this);
     m_menuBarController->configure();
@@ -120,13 +122,32 @@ void AppDelegate::handleDeepLink(const QString& link)
         Log::write(Log::Symbol::Warning, u"ignored a sign-in link that repeats \"%1\""_s.arg(repeated->name.left(40)));
         return;
     }
+    if (const auto* refused = std::get_if<SignInLink::Refused>(&result)) {
+        Log::write(Log::Symbol::Failure, u"refused a sign-in link: "_s + refused->reason);
+        return;
+    }
     const auto* tokens = std::get_if<SignInLink::Tokens>(&result);
     if (!tokens)
         return;
-    KeychainHelper::save(KeychainHelper::accessTokenKey, tokens->accessToken);
-    KeychainHelper::save(KeychainHelper::refreshTokenKey, tokens->refreshToken);
+    saveSignIn(tokens->accessToken, tokens->refreshToken);
+}
+
+QCoro::Task<> AppDelegate::saveSignIn(QString accessToken, QString refreshToken)
+{
+    // Saved away from the event loop: a keyring that asks to be unlocked must not freeze
+    // the program meanwhile. A failed save is logged by the token store, and the menu
+    // rebuilt from what the store really holds shows it.
+    const QPointer<AppDelegate> self(this);
+    const SecretStore::Status access = co_await KeychainHelper::saveAsync(KeychainHelper::accessTokenKey, accessToken);
+    const SecretStore::Status refresh
+        = co_await KeychainHelper::saveAsync(KeychainHelper::refreshTokenKey, refreshToken);
+    if (!self)
+        co_return;
+    if (access != SecretStore::Status::Success || refresh != SecretStore::Status::Success)
+        Log::write(Log::Symbol::Failure, u"the sign-in could not be kept: sign in again once the keyring answers"_s);
     if (m_menuBarController)
         m_menuBarController->rebuildMenu();
+    Q_EMIT signInHandled(access == SecretStore::Status::Success && refresh == SecretStore::Status::Success);
     pingBackend();
 }
 

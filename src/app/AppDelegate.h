@@ -10,6 +10,8 @@
 #include <QPointer>
 #include <QString>
 
+#include <QCoroTask>
+
 #include <functional>
 #include <memory>
 
@@ -52,8 +54,13 @@ public:
     // One unauthenticated request to the backend's health address; the answer is ignored.
     static void pingBackend();
 
+Q_SIGNALS:
+    // The tokens of a sign-in link were saved (stored: both went into the token store).
+    void signInHandled(bool stored);
+
 private:
     void registerUrlScheme();
+    QCoro::Task<> saveSignIn(QString accessToken, QString refreshToken);
 
     std::function<DictationEnvironment()> m_makeEnvironment;
     std::unique_ptr<MenuBarController> m_menuBarController;

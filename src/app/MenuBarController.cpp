@@ -90,10 +90,36 @@ void MenuBarController::updateIcon()
 
 void MenuBarController::rebuildMenu()
 {
-    const bool signedIn = KeychainHelper::load(KeychainHelper::accessTokenKey).has_value();
+    if (!m_menu)
+        installMenu(m_credentials); // the tray never waits for the keyring to have a menu
+    readCredentials(this, ++m_reads);
+}
+
+QCoro::Task<> MenuBarController::readCredentials(QPointer<MenuBarController> self, quint64 read)
+{
+    const KeychainHelper::Read token = co_await KeychainHelper::loadAsync(KeychainHelper::accessTokenKey);
+    if (!self || read != self->m_reads)
+        co_return;
+    if (token.value)
+        self->installMenu(Credentials::SignedIn);
+    else if (token.status == SecretStore::Status::Locked)
+        self->installMenu(Credentials::KeyringLocked);
+    else
+        self->installMenu(Credentials::SignedOut);
+}
+
+void MenuBarController::installMenu(Credentials credentials)
+{
+    m_credentials = credentials;
+    const bool signedIn = credentials == Credentials::SignedIn;
 
     auto menu = std::make_unique<QMenu>();
-    QAction* status = menu->addAction(signedIn ? u"Quillet — Active"_s : u"Quillet"_s);
+    QString title = u"Quillet"_s;
+    if (signedIn)
+        title = u"Quillet — Active"_s;
+    else if (credentials == Credentials::KeyringLocked)
+        title = u"Quillet — Keyring Locked"_s;
+    QAction* status = menu->addAction(title);
     status->setEnabled(false);
     menu->addSeparator();
     QAction* history = menu->addAction(u"History"_s, this, &MenuBarController::didSelectHistory);
@@ -122,6 +148,7 @@ void MenuBarController::rebuildMenu()
     if (m_menu)
         m_menu.release()->deleteLater();
     m_menu = std::move(menu);
+    Q_EMIT menuRebuilt();
 }
 
 void MenuBarController::didSelectHistory()
@@ -149,8 +176,14 @@ void MenuBarController::didSelectSignOut()
 {
     if (!delegate())
         return;
-    KeychainHelper::clearTokens();
-    rebuildMenu();
+    signOut(this);
+}
+
+QCoro::Task<> MenuBarController::signOut(QPointer<MenuBarController> self)
+{
+    co_await KeychainHelper::clearTokensAsync();
+    if (self)
+        self->rebuildMenu();
 }
 
 void MenuBarController::didSelectSettings()

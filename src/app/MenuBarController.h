@@ -3,6 +3,8 @@
 #include <QObject>
 #include <QPointer>
 
+#include <QCoroTask>
+
 #include <memory>
 
 class QAction;
@@ -22,7 +24,8 @@ public:
 
 // The program's only permanent face: a microphone in the panel's tray with a small
 // menu. The menu is built afresh whenever the sign-in state may have changed; the
-// state is read from the token store each time, never remembered.
+// state is read from the token store each time (without waiting for it: until the
+// store answers, the menu keeps its last form).
 class MenuBarController : public QObject
 {
     Q_OBJECT
@@ -33,7 +36,8 @@ public:
 
     // Sets the icon and builds the menu; once, after creation.
     void configure();
-    // Builds a new menu for the current sign-in state and installs it.
+    // Reads the sign-in state from the token store and installs a new menu for it once
+    // the store has answered; menuRebuilt() follows.
     void rebuildMenu();
 
     QSystemTrayIcon* statusItem() const { return m_statusItem.get(); }
@@ -46,7 +50,18 @@ public:
     void didSelectSignOut();
     void didSelectSettings();
 
+    // What the menu shows about the credentials.
+    enum class Credentials { SignedOut, SignedIn, KeyringLocked };
+    Credentials credentials() const { return m_credentials; }
+
+Q_SIGNALS:
+    // A new menu is installed.
+    void menuRebuilt();
+
 private:
+    void installMenu(Credentials credentials);
+    static QCoro::Task<> readCredentials(QPointer<MenuBarController> self, quint64 read);
+    static QCoro::Task<> signOut(QPointer<MenuBarController> self);
     bool eventFilter(QObject* watched, QEvent* event) override;
     void updateIcon();
     MenuBarDelegate* delegate() const;
@@ -56,4 +71,6 @@ private:
     QPointer<QObject> m_owner;
     MenuBarDelegate* m_delegate = nullptr;
     bool m_reportedNoTray = false;
+    Credentials m_credentials = Credentials::SignedOut;
+    quint64 m_reads = 0; // only the latest read decides
 };

@@ -1,5 +1,7 @@
 #include "app/SignInLink.h"
 
+#include "services/TokenShape.h"
+
 #include <QHash>
 #include <QUrl>
 
@@ -14,6 +16,13 @@ SignInLink::Result SignInLink::parse(const QString& link)
     const QStringView rest = QStringView(link).mid(prefix.size());
     if (!rest.isEmpty() && !rest.startsWith(u'?') && !rest.startsWith(u'/') && !rest.startsWith(u'#'))
         return Foreign {}; // quillet://authority, quillet://auth:80 and the like
+    if (link.size() > maxLength)
+        return Refused { u"the link is too long (%1 characters, at most %2)"_s.arg(link.size()).arg(maxLength) };
+    // A line break would make two links of one on the way to the running instance.
+    for (const QChar c : link) {
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+            return Refused { u"the link contains control characters"_s };
+    }
     const QUrl url(link, QUrl::StrictMode);
     if (!url.isValid())
         return Foreign {};
@@ -32,5 +41,12 @@ SignInLink::Result SignInLink::parse(const QString& link)
     }
     if (!items.contains(u"token"_s) || !items.contains(u"refresh"_s))
         return Incomplete {};
-    return Tokens { items.value(u"token"_s), items.value(u"refresh"_s) };
+    Tokens tokens { items.value(u"token"_s), items.value(u"refresh"_s) };
+    // The tokens go into request headers later: a line break in one would add headers
+    // of the link maker's choosing to every request.
+    if (!TokenShape::isAccessToken(tokens.accessToken))
+        return Refused { u"its access token is not a JSON Web Token"_s };
+    if (!TokenShape::isRefreshToken(tokens.refreshToken))
+        return Refused { u"its refresh token is not a token"_s };
+    return tokens;
 }

@@ -23,10 +23,22 @@ struct RepeatedName {
     QString name;
 };
 
-using Result = std::variant<Tokens, Foreign, Incomplete, RepeatedName>;
+// Ours, but not something our sign-in page makes: too long, with control characters,
+// or tokens of the wrong shape. Nothing is saved; the reason is for the log and the
+// terminal, and never quotes a token.
+struct Refused {
+    QString reason;
+};
+
+using Result = std::variant<Tokens, Foreign, Incomplete, RepeatedName, Refused>;
+
+// The longest link taken; the sign-in page's are a few hundred characters.
+constexpr qsizetype maxLength = 16 * 1024;
 
 // Reads quillet://auth?token=…&refresh=…. Scheme and host are compared exactly (case
-// matters); query items without "=" have no value and do not count.
+// matters); query items without "=" have no value and do not count. The access token
+// must have the shape of a JSON Web Token and the refresh token be an opaque token of
+// URL-safe characters (services/TokenShape.h), or the link is refused.
 Result parse(const QString& link);
 
 } // namespace SignInLink

@@ -8,20 +8,30 @@
 #include <memory>
 
 // One Quillet per user session. A second start hands its links (or just a knock) to
-// the running one over a local socket in the user's runtime directory and exits.
+// the running one over a local socket and exits.
+//
+// The socket carries sign-in tokens, so it lives only in a directory private to this
+// user: $XDG_RUNTIME_DIR when that is ours and mode 0700, else quillet-<uid> in the temp
+// directory (made 0700, and checked: ours, a real directory, no access for others),
+// else quillet/ in the user's cache directory. A directory or socket that belongs to
+// anyone else is never used, and both ends check the other's user id (SO_PEERCRED).
 class SingleInstance : public QObject
 {
     Q_OBJECT
 public:
     explicit SingleInstance(QObject* parent = nullptr);
 
-    // The socket's path for this user.
+    // The socket's path for this user, making its private directory when needed; empty
+    // (with a log line saying why) when no private directory can be had.
     static QString socketPath();
-    // Hands the links to a running instance; true when one took them.
+    // Hands the links to a running instance; true when one of this user took them.
     static bool handOver(const QStringList& links, int timeoutMs = 2000);
 
     // Starts answering later starts; false when the socket cannot be made.
     bool listen();
+
+    // The user id of the process at the other end of a connected local socket, or -1.
+    static qint64 peerUid(qintptr socketDescriptor);
 
 Q_SIGNALS:
     // A later start passed this link (one signal per link, in order).

@@ -1,4 +1,6 @@
 #include "app/AppDelegate.h"
+#include "app/HistoryText.h"
+#include "app/SignInLink.h"
 #include "app/SingleInstance.h"
 #include "services/HistoryManager.h"
 #include "services/Log.h"
@@ -21,13 +23,10 @@ int printHistory()
         std::puts("No dictations recorded yet.");
         return 0;
     }
-    for (const HistoryEntry& entry : entries) {
-        const QString when = entry.date.toLocalTime().toString(u"yyyy-MM-dd HH:mm:ss"_s);
-        // Continuation lines are indented so every entry still starts at the left edge.
-        QString text = entry.text;
-        text.replace(u'\n', u"\n                     "_s);
-        std::printf("%s  %s\n", qPrintable(when), text.toUtf8().constData());
-    }
+    // Written as bytes with their length: a NUL in a text must not end the output there.
+    const QByteArray out = HistoryText::forTerminal(entries);
+    std::fwrite(out.constData(), 1, static_cast<size_t>(out.size()), stdout);
+    std::fflush(stdout);
     return 0;
 }
 
@@ -97,6 +96,24 @@ int main(int argc, char* argv[])
     // A tray program: closing the settings or welcome window must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
     const QStringList links = parseOptions(app).links;
+    // A link that would be dropped on the way (too long, a line break, tokens of the
+    // wrong shape) is refused here, where the one who passed it can still be told.
+    for (const QString& link : links) {
+        const SignInLink::Result result = SignInLink::parse(link);
+        QString problem;
+        if (const auto* refused = std::get_if<SignInLink::Refused>(&result))
+            problem = refused->reason;
+        else if (std::holds_alternative<SignInLink::Foreign>(result))
+            problem = u"it is not a quillet://auth link"_s;
+        else if (std::holds_alternative<SignInLink::Incomplete>(result))
+            problem = u"it lacks the token or the refresh token"_s;
+        else if (const auto* repeated = std::get_if<SignInLink::RepeatedName>(&result))
+            problem = u"it repeats \"%1\""_s.arg(repeated->name.left(40));
+        if (!problem.isEmpty()) {
+            std::fprintf(stderr, "quillet: refused the sign-in link: %s\n", problem.toUtf8().constData());
+            return 2;
+        }
+    }
 
     if (SingleInstance::handOver(links, 500)) {
         if (links.isEmpty())

@@ -7,11 +7,14 @@
 #include <optional>
 
 // The system's store of secrets, reduced to what the token store needs:
-// generic-password items identified by an account name alone.
+// generic-password items identified by an account name alone. Calls may block for
+// as long as the store takes to answer: callers make them away from the GUI thread.
 class SecretStore
 {
 public:
-    enum class Status { Success, NotFound, Duplicate, Unavailable };
+    // Locked: the item may exist, but the keyring must be unlocked before anyone can
+    // read or write it; it is neither missing nor an error of the store.
+    enum class Status { Success, NotFound, Duplicate, Unavailable, Locked };
 
     virtual ~SecretStore() = default;
 

@@ -1,5 +1,7 @@
 #include "services/HistoryManager.h"
 
+#include "services/Log.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -41,6 +43,25 @@ std::optional<QUuid> parseUuid(const QString& text)
     return id;
 }
 
+std::optional<HistoryEntry> decodeEntry(const QJsonValue& value)
+{
+    if (!value.isObject())
+        return std::nullopt;
+    const QJsonObject object = value.toObject();
+    const QJsonValue id = object.value(u"id"_s);
+    const QJsonValue text = object.value(u"text"_s);
+    const QJsonValue date = object.value(u"date"_s);
+    if (!id.isString() || !text.isString() || !date.isDouble())
+        return std::nullopt;
+    const std::optional<QUuid> uuid = parseUuid(id.toString());
+    const double seconds = date.toDouble();
+    // Beyond some 30,000 years either way a date has no QDateTime.
+    if (!uuid || !std::isfinite(seconds) || std::abs(seconds) > kLargestSeconds)
+        return std::nullopt;
+    const auto msecs = static_cast<qint64>(std::llround(seconds * 1000.0)) + kReferenceDateMSecs;
+    return HistoryEntry { *uuid, text.toString(), QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC) };
+}
+
 } // namespace
 
 HistoryManager::HistoryManager(std::unique_ptr<QSettings> settings)
@@ -65,11 +86,18 @@ QList<HistoryEntry> HistoryManager::entries() const
     const QVariant value = m_settings->value(key);
     if (value.typeId() != QMetaType::QByteArray)
         return {};
-    // A broken blob stays where it is until the next add replaces it.
-    return decode(value.toByteArray()).value_or(QList<HistoryEntry> {});
+    // A blob that is not an array at all stays where it is until the next add replaces it.
+    qsizetype skipped = 0;
+    QList<HistoryEntry> list = decode(value.toByteArray(), &skipped).value_or(QList<HistoryEntry> {});
+    if (skipped > 0)
+        Log::write(Log::Symbol::Warning,
+            u"history: skipped %1 unreadable entr%2, kept %3"_s.arg(skipped)
+                .arg(skipped == 1 ? u"y"_s : u"ies"_s)
+                .arg(list.size()));
+    return list;
 }
 
-void HistoryManager::add(const QString& text)
+bool HistoryManager::add(const QString& text)
 {
     QList<HistoryEntry> list = entries();
     list.prepend(HistoryEntry { QUuid::createUuid(), text, QDateTime::currentDateTimeUtc() });
@@ -77,6 +105,16 @@ void HistoryManager::add(const QString& text)
         list.resize(maxEntries);
     m_settings->setValue(key, encode(list));
     m_settings->sync();
+    // An unwritable or full configuration folder: the text is not kept, and the user
+    // must learn it from the log rather than find an empty history later.
+    if (m_settings->status() != QSettings::NoError) {
+        const QString reason
+            = m_settings->status() == QSettings::AccessError ? u"cannot write the file"_s : u"the file is damaged"_s;
+        Log::write(Log::Symbol::Failure,
+            u"could not save the dictation to the history (%1: %2)"_s.arg(m_settings->fileName(), reason));
+        return false;
+    }
+    return true;
 }
 
 QByteArray HistoryManager::encode(const QList<HistoryEntry>& entries)
@@ -103,8 +141,10 @@ QByteArray HistoryManager::encode(const QList<HistoryEntry>& entries)
     return out;
 }
 
-std::optional<QList<HistoryEntry>> HistoryManager::decode(const QByteArray& data)
+std::optional<QList<HistoryEntry>> HistoryManager::decode(const QByteArray& data, qsizetype* skipped)
 {
+    if (skipped)
+        *skipped = 0;
     QJsonParseError error {};
     const QJsonDocument doc = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError || !doc.isArray())
@@ -113,21 +153,15 @@ std::optional<QList<HistoryEntry>> HistoryManager::decode(const QByteArray& data
     QList<HistoryEntry> list;
     list.reserve(array.size());
     for (const QJsonValue& value : array) {
-        if (!value.isObject())
-            return std::nullopt;
-        const QJsonObject object = value.toObject();
-        const QJsonValue id = object.value(u"id"_s);
-        const QJsonValue text = object.value(u"text"_s);
-        const QJsonValue date = object.value(u"date"_s);
-        if (!id.isString() || !text.isString() || !date.isDouble())
-            return std::nullopt;
-        const std::optional<QUuid> uuid = parseUuid(id.toString());
-        const double seconds = date.toDouble();
-        // Beyond some 30,000 years either way a date has no QDateTime; such a blob is unreadable.
-        if (!uuid || !std::isfinite(seconds) || std::abs(seconds) > kLargestSeconds)
-            return std::nullopt;
-        const auto msecs = static_cast<qint64>(std::llround(seconds * 1000.0)) + kReferenceDateMSecs;
-        list.append(HistoryEntry { *uuid, text.toString(), QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC) });
+        // One damaged entry (hand-edited, written by another tool) costs that entry
+        // alone: the others are what the user said, and may be all that is left of it.
+        std::optional<HistoryEntry> entry = decodeEntry(value);
+        if (!entry) {
+            if (skipped)
+                ++*skipped;
+            continue;
+        }
+        list.append(std::move(*entry));
     }
     return list;
 }

@@ -36,18 +36,22 @@ public:
     // Replaces the shared instance (tests); null makes the next shared() open the user's settings anew.
     static void resetShared(std::unique_ptr<HistoryManager> manager = nullptr);
 
-    // Newest first; empty when nothing is stored or the stored blob cannot be read.
+    // Newest first; empty when nothing is stored or the stored blob is not a JSON array.
+    // Entries that cannot be read are skipped (with a log line); the others are kept.
     QList<HistoryEntry> entries() const;
     // Records `text` (unchanged, even empty) as the newest entry, drops what falls beyond
     // the 50th, and writes the settings to disk before returning: the caller inserts the
-    // text afterwards, and a crash there must not lose it.
-    void add(const QString& text);
+    // text afterwards, and a crash there must not lose it. False (with a log line) when
+    // the settings could not be written.
+    bool add(const QString& text);
 
     // The stored form: a JSON array of {"id","text","date"} objects, keys in that order,
     // "id" the upper-case hyphenated UUID, "date" seconds since 2001-01-01T00:00:00Z.
     static QByteArray encode(const QList<HistoryEntry>& entries);
-    // The entries of a stored blob; nothing unless every entry has all three keys with the right types.
-    static std::optional<QList<HistoryEntry>> decode(const QByteArray& data);
+    // The readable entries of a stored blob, in order; nothing when it is not a JSON array.
+    // An entry without all three keys in the right form (an id that is not a bare
+    // UUID, a date that is not a number of seconds) is left out and counted in skipped.
+    static std::optional<QList<HistoryEntry>> decode(const QByteArray& data, qsizetype* skipped = nullptr);
 
 private:
     std::unique_ptr<QSettings> m_settings;

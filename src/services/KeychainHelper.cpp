@@ -4,6 +4,7 @@
 #include "services/AppConfig.h"
 #include "services/AuthNotifier.h"
 #include "services/Log.h"
+#include "services/TokenShape.h"
 
 #include <QDateTime>
 #include <QJsonDocument>
@@ -12,9 +13,12 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QPromise>
 #include <QStringDecoder>
+#include <QThreadPool>
 #include <QUrl>
 
+#include <QCoroFuture>
 #include <QCoroNetworkReply>
 
 using namespace Qt::StringLiterals;
@@ -44,6 +48,119 @@ std::optional<QString> decodeUtf8(const QByteArray& bytes)
 constexpr int kRefreshTimeoutMs = 60'000;
 constexpr double kExpiryMarginSeconds = 60.0;
 
+// The one thread that talks to the secret store. One thread, so calls keep their
+// order (a save's delete and add, then the next read) and a store that is not
+// thread-safe is only ever used from one place.
+QThreadPool& keychainThread()
+{
+    static QThreadPool* pool = [] {
+        auto* threads = new QThreadPool; // lives as long as the process: a call may still be waiting at exit
+        threads->setMaxThreadCount(1);
+        threads->setExpiryTimeout(-1);
+        return threads;
+    }();
+    return *pool;
+}
+
+// Runs work on the keychain thread; its result arrives through the future.
+template <typename Work> auto onKeychainThread(Work work) -> QFuture<decltype(work())>
+{
+    using Result = decltype(work());
+    auto promise = std::make_shared<QPromise<Result>>();
+    QFuture<Result> future = promise->future();
+    promise->start();
+    keychainThread().start([promise, work = std::move(work)]() mutable {
+        promise->addResult(work());
+        promise->finish();
+    });
+    return future;
+}
+
+// The blocking forms wait here; never from the keychain thread itself.
+template <typename Result> Result waitFor(QFuture<Result> future)
+{
+    future.waitForFinished();
+    return future.result();
+}
+
+KeychainHelper::Read readItem(const QString& key)
+{
+    QByteArray data;
+    const SecretStore::Status status = KeychainHelper::store().copy(key, data);
+    if (status != SecretStore::Status::Success)
+        return { std::nullopt, status };
+    std::optional<QString> text = decodeUtf8(data);
+    return { text, text ? SecretStore::Status::Success : SecretStore::Status::NotFound };
+}
+
+SecretStore::Status writeItem(const QString& key, const QString& value)
+{
+    const QByteArray data = value.toUtf8();
+    KeychainHelper::store().remove(key);
+    return KeychainHelper::store().add(key, data);
+}
+
+void removeItem(const QString& key)
+{
+    KeychainHelper::store().remove(key);
+}
+
+QString describe(SecretStore::Status status)
+{
+    switch (status) {
+    case SecretStore::Status::Locked:
+        return u"the keyring is locked"_s;
+    case SecretStore::Status::Unavailable:
+        return u"the secret store did not answer"_s;
+    case SecretStore::Status::Duplicate:
+        return u"the secret store already held it"_s;
+    case SecretStore::Status::NotFound:
+    case SecretStore::Status::Success:
+        break;
+    }
+    return u"the secret store refused it"_s;
+}
+
+void reportFailedSave(const QString& key, SecretStore::Status status)
+{
+    if (status == SecretStore::Status::Success)
+        return;
+    Log::write(Log::Symbol::Failure, u"could not save %1: %2"_s.arg(key, describe(status)));
+}
+
+void reportLocked()
+{
+    Log::write(Log::Symbol::Warning, u"the keyring is locked: unlock it to use your sign-in"_s);
+}
+
+void migrateItems()
+{
+    if (readItem(KeychainHelper::accessTokenKey).value)
+        return;
+    const std::optional<QString> legacyAccess = readItem(KeychainHelper::legacyAccessTokenKey).value;
+    if (!legacyAccess)
+        return;
+    const std::optional<QString> legacyRefresh = readItem(KeychainHelper::legacyRefreshTokenKey).value;
+    if (!legacyRefresh)
+        return;
+    reportFailedSave(KeychainHelper::accessTokenKey, writeItem(KeychainHelper::accessTokenKey, *legacyAccess));
+    reportFailedSave(KeychainHelper::refreshTokenKey, writeItem(KeychainHelper::refreshTokenKey, *legacyRefresh));
+    removeItem(KeychainHelper::legacyAccessTokenKey);
+    removeItem(KeychainHelper::legacyRefreshTokenKey);
+}
+
+// The renewal in progress, shared by everyone who asks while it runs.
+struct RefreshFlight {
+    QFuture<std::optional<QString>> answer;
+    bool running = false;
+};
+
+RefreshFlight& refreshFlight()
+{
+    static RefreshFlight flight;
+    return flight;
+}
+
 } // namespace
 
 SecretStore& KeychainHelper::store()
@@ -56,33 +173,71 @@ SecretStore& KeychainHelper::store()
 
 void KeychainHelper::setStore(std::unique_ptr<SecretStore> store)
 {
+    keychainThread().waitForDone();
     storeSlot() = std::move(store);
+}
+
+QCoro::Task<KeychainHelper::Read> KeychainHelper::loadAsync(QString key)
+{
+    const QFuture<Read> read = onKeychainThread([key] { return readItem(key); });
+    const Read result = co_await read;
+    co_return result;
+}
+
+QCoro::Task<SecretStore::Status> KeychainHelper::saveAsync(QString key, QString value)
+{
+    const QFuture<SecretStore::Status> written = onKeychainThread([key, value] { return writeItem(key, value); });
+    const SecretStore::Status status = co_await written;
+    reportFailedSave(key, status);
+    co_return status;
+}
+
+QCoro::Task<> KeychainHelper::clearTokensAsync()
+{
+    const QFuture<bool> cleared = onKeychainThread([] {
+        removeItem(accessTokenKey);
+        removeItem(refreshTokenKey);
+        return true;
+    });
+    co_await cleared;
+}
+
+QCoro::Task<> KeychainHelper::migrateIfNeededAsync()
+{
+    const QFuture<bool> migrated = onKeychainThread([] {
+        migrateItems();
+        return true;
+    });
+    co_await migrated;
 }
 
 std::optional<QString> KeychainHelper::load(const QString& key)
 {
-    QByteArray data;
-    if (store().copy(key, data) != SecretStore::Status::Success)
-        return std::nullopt;
-    return decodeUtf8(data);
+    return waitFor(onKeychainThread([key] { return readItem(key); })).value;
 }
 
-void KeychainHelper::save(const QString& key, const QString& value)
+SecretStore::Status KeychainHelper::save(const QString& key, const QString& value)
 {
-    const QByteArray data = value.toUtf8();
-    store().remove(key);
-    store().add(key, data);
-}
-
-void KeychainHelper::remove(const QString& key)
-{
-    store().remove(key);
+    const SecretStore::Status status = waitFor(onKeychainThread([key, value] { return writeItem(key, value); }));
+    reportFailedSave(key, status);
+    return status;
 }
 
 void KeychainHelper::clearTokens()
 {
-    remove(accessTokenKey);
-    remove(refreshTokenKey);
+    waitFor(onKeychainThread([] {
+        removeItem(accessTokenKey);
+        removeItem(refreshTokenKey);
+        return true;
+    }));
+}
+
+void KeychainHelper::migrateIfNeeded()
+{
+    waitFor(onKeychainThread([] {
+        migrateItems();
+        return true;
+    }));
 }
 
 bool KeychainHelper::isExpiringSoon(QStringView token)
@@ -124,7 +279,32 @@ QNetworkAccessManager& KeychainHelper::network()
 
 QCoro::Task<std::optional<QString>> KeychainHelper::performRefresh()
 {
-    const std::optional<QString> refreshToken = load(refreshTokenKey);
+    RefreshFlight& flight = refreshFlight();
+    if (!flight.running) {
+        flight.running = true;
+        auto promise = std::make_shared<QPromise<std::optional<QString>>>();
+        promise->start();
+        flight.answer = promise->future();
+        // Started here and left to run: it answers through the promise, whoever is still waiting.
+        answerRefresh(std::move(promise));
+    }
+    const QFuture<std::optional<QString>> answer = flight.answer;
+    const std::optional<QString> token = co_await answer;
+    co_return token;
+}
+
+QCoro::Task<> KeychainHelper::answerRefresh(std::shared_ptr<QPromise<std::optional<QString>>> answer)
+{
+    const std::optional<QString> token = co_await refreshOnce();
+    refreshFlight().running = false;
+    answer->addResult(token);
+    answer->finish();
+}
+
+QCoro::Task<std::optional<QString>> KeychainHelper::refreshOnce()
+{
+    const Read stored = co_await loadAsync(refreshTokenKey);
+    const std::optional<QString> refreshToken = stored.value;
     if (!refreshToken)
         co_return std::nullopt;
 
@@ -156,15 +336,19 @@ QCoro::Task<std::optional<QString>> KeychainHelper::performRefresh()
         const QJsonDocument doc = QJsonDocument::fromJson(reply->readAll());
         const QJsonValue access = doc.object().value(u"access_token"_s);
         const QJsonValue refresh = doc.object().value(u"refresh_token"_s);
-        if (doc.isObject() && access.isString() && refresh.isString()) {
-            save(accessTokenKey, access.toString());
-            save(refreshTokenKey, refresh.toString());
+        // Tokens of the wrong shape would end up in request headers: such a reply is unusable.
+        const QString newAccess = access.toString();
+        const QString newRefresh = refresh.toString();
+        if (doc.isObject() && access.isString() && refresh.isString() && TokenShape::isAccessToken(newAccess)
+            && TokenShape::isRefreshToken(newRefresh)) {
+            co_await saveAsync(accessTokenKey, newAccess);
+            co_await saveAsync(refreshTokenKey, newRefresh);
             Log::write(Log::Symbol::Refreshed, u"access token refreshed");
-            co_return access.toString();
+            co_return newAccess;
         }
     } else if (status == 401) {
         Log::write(Log::Symbol::Failure, u"refresh token is invalid \u2014 clearing keychain");
-        clearTokens();
+        co_await clearTokensAsync();
         Q_EMIT AuthNotifier::instance().quilletAuthInvalidated();
         co_return std::nullopt;
     }
@@ -175,26 +359,14 @@ QCoro::Task<std::optional<QString>> KeychainHelper::performRefresh()
 
 QCoro::Task<std::optional<QString>> KeychainHelper::validAccessToken()
 {
-    std::optional<QString> token = load(accessTokenKey);
-    if (!token)
+    const Read token = co_await loadAsync(accessTokenKey);
+    if (!token.value) {
+        if (token.status == SecretStore::Status::Locked)
+            reportLocked();
         co_return std::nullopt;
-    if (!isExpiringSoon(*token))
-        co_return token;
-    co_return co_await performRefresh();
-}
-
-void KeychainHelper::migrateIfNeeded()
-{
-    if (load(accessTokenKey))
-        return;
-    const std::optional<QString> legacyAccess = load(legacyAccessTokenKey);
-    if (!legacyAccess)
-        return;
-    const std::optional<QString> legacyRefresh = load(legacyRefreshTokenKey);
-    if (!legacyRefresh)
-        return;
-    save(accessTokenKey, *legacyAccess);
-    save(refreshTokenKey, *legacyRefresh);
-    remove(legacyAccessTokenKey);
-    remove(legacyRefreshTokenKey);
+    }
+    if (!isExpiringSoon(*token.value))
+        co_return token.value;
+    const std::optional<QString> renewed = co_await performRefresh();
+    co_return renewed;
 }

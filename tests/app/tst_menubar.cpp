@@ -462,6 +462,8 @@ private Q_SLOTS:
             QVERIFY2(anyOpaque, "the exported icon is fully transparent");
         }
 
+        // The token store answers on its own thread; the menu follows once it has.
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::SignedIn);
         auto signedIn = layout();
         QVERIFY(signedIn);
         QCOMPARE(signedIn->id, 0);
@@ -478,7 +480,8 @@ private Q_SLOTS:
         const int signOutId = idOf(*signedIn, u"Sign out"_s);
         QVERIFY(signOutId > 0);
         QVERIFY(click(signOutId));
-        QTRY_VERIFY(!store->items.contains(u"quillet.access_token"_s));
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::SignedOut);
+        QVERIFY(!store->items.contains(u"quillet.access_token"_s));
         QVERIFY(!store->items.contains(u"quillet.refresh_token"_s));
         QCOMPARE(property(m_itemService, m_itemPath, itemInterface, u"Menu"_s)
                      .value_or(QVariant())
@@ -526,6 +529,7 @@ private Q_SLOTS:
         QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
 
         auto storeOwner = std::make_unique<MemorySecretStore>();
+        MemorySecretStore* store = storeOwner.get();
         KeychainHelper::setStore(std::move(storeOwner));
         auto restoreStore = qScopeGuard([] { KeychainHelper::setStore(nullptr); });
         KeychainHelper::save(KeychainHelper::accessTokenKey, u"access-token"_s);
@@ -540,7 +544,9 @@ private Q_SLOTS:
 
         QVERIFY(controller.menu());
         QCOMPARE(controller.statusItem()->contextMenu(), controller.menu());
-        QCOMPARE(menuEntries(*controller.menu()), signedInMenu());
+        // The token store answers on its own thread; the menu follows once it has.
+        QTRY_COMPARE(menuEntries(*controller.menu()), signedInMenu());
+        QCOMPARE(controller.statusItem()->contextMenu(), controller.menu());
 
         QAction* settings = actionNamed(controller.menu(), u"Settings…"_s);
         QVERIFY(settings);
@@ -556,13 +562,25 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitForWindowExposed(openMenu));
         QTest::mouseClick(openMenu, Qt::LeftButton, {}, openMenu->actionGeometry(signOut).center());
         QTRY_VERIFY(openMenu.isNull());
+        QTRY_COMPARE(menuEntries(*controller.menu()), signedOutMenu());
         QVERIFY(!KeychainHelper::load(KeychainHelper::accessTokenKey));
-        QCOMPARE(menuEntries(*controller.menu()), signedOutMenu());
         QCOMPARE(controller.statusItem()->contextMenu(), controller.menu());
 
         // Rebuilding does not repeat the warning.
         controller.rebuildMenu();
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::SignedOut);
         QCOMPARE(output.lines().size(), 1);
+
+        // Signed in again, then the keyring locks (as after a suspend): the menu says so
+        // instead of offering a sign-in as if the user had signed out.
+        // (The blocking save returns once the keychain thread is idle, so the flag is safe to set.)
+        KeychainHelper::save(KeychainHelper::accessTokenKey, u"access-token"_s);
+        store->locked = true;
+        controller.rebuildMenu();
+        QTRY_COMPARE(controller.credentials(), MenuBarController::Credentials::KeyringLocked);
+        QList<Entry> locked = signedOutMenu();
+        locked.first().label = u"Quillet — Keyring Locked"_s;
+        QCOMPARE(menuEntries(*controller.menu()), locked);
     }
 };
 

@@ -84,6 +84,30 @@ private Q_SLOTS:
         QCOMPARE(shown->selected, QString());
     }
 
+    void gtkEntryGetsTheWholeTextPastANul()
+    {
+        // libatspi takes C strings: a NUL (or another control) in the dictated text must
+        // not cut off what follows it. Controls are left out; tab and line feed stay.
+        const QString dictated = u"one"_s + QChar(0) + u"two\u001b[2Jthree"_s;
+        const QStringList log = insertInto(*m_gtk, u"entry"_s, u"<>"_s, 1, 1, dictated);
+        QCOMPARE(log.last(), succeeded);
+        const auto shown = m_gtk->content(u"entry"_s);
+        QVERIFY(shown);
+        QCOMPARE(shown->text, u"<onetwo[2Jthree>"_s);
+        QCOMPARE(shown->beforeCaret, u"<onetwo[2Jthree"_s);
+    }
+
+    void gtkTextViewKeepsTabsAndLineBreaksAroundANul()
+    {
+        const QString dictated = u"a\tb"_s + QChar(0) + u"\nc"_s;
+        const QStringList log = insertInto(*m_gtk, u"textview"_s, QString(), 0, 0, dictated);
+        QCOMPARE(log.last(), succeeded);
+        const auto shown = m_gtk->content(u"textview"_s);
+        QVERIFY(shown);
+        QCOMPARE(shown->text, u"a\tb\nc"_s);
+        QCOMPARE(shown->beforeCaret, u"a\tb\nc"_s);
+    }
+
     void gtkEntryReplacesTheSelection()
     {
         const QStringList log = insertInto(*m_gtk, u"entry"_s, u"The quick fox jumps"_s, 5, 8, u"slow"_s);

@@ -1,3 +1,5 @@
+#include "StdoutCapture.h"
+#include "TestTokens.h"
 #include "platform/SecretStore.h"
 #include "services/KeychainHelper.h"
 
@@ -5,8 +7,11 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QProcess>
+#include <QSemaphore>
 #include <QTimer>
 #include <QtTest>
+
+#include <atomic>
 
 #include <sys/stat.h>
 
@@ -38,7 +43,10 @@ private Q_SLOTS:
         KeychainHelper::setStore(nullptr); // the system's choice
     }
     void init() { wipe(); }
-    void cleanupTestCase() { wipe(); }
+    void cleanupTestCase()
+    {
+        wipe(); // a locked keyring keeps its items: the session's keyring goes with the session
+    }
 
     void theSessionsStoreIsChosen() { QCOMPARE(store().backendName(), m_expected); }
 
@@ -150,45 +158,61 @@ private Q_SLOTS:
         }
     }
 
-    void keychainCallsHandleNoQtEvents()
+    void keychainCallsLetTheEventLoopRun()
     {
-        // A timer that is due and a queued call are waiting when the store is used;
-        // neither may run inside a store call, or a hotkey or HUD callback could
-        // re-enter the dictation in the middle of a token read.
-        int timerRuns = 0;
-        int queuedRuns = 0;
-        QObject context;
-        const auto ranDuring = [&](const char* during) {
-            return u"Qt events ran during %1 (timer %2, queued call %3)"_s.arg(QString::fromLatin1(during))
-                .arg(timerRuns)
-                .arg(queuedRuns);
+        // The session's store, behind a gate that opens only when the program's event
+        // loop runs a timer: the store is asked on the token store's own thread, and the
+        // GUI thread goes on meanwhile (a key press, the capsule's timers, a sign-in
+        // link). Had a call been made on the GUI thread, the gate would never open and
+        // the call would fail after 5 s.
+        struct GatedStore final : SecretStore {
+            std::unique_ptr<SecretStore> inner;
+            QSemaphore gate;
+            std::atomic<int> timedOut { 0 };
+            bool pass()
+            {
+                if (gate.tryAcquire(1, 5000))
+                    return true;
+                ++timedOut;
+                return false;
+            }
+            Status copy(const QString& a, QByteArray& d) override
+            {
+                return pass() ? inner->copy(a, d) : Status::Unavailable;
+            }
+            Status remove(const QString& a) override { return pass() ? inner->remove(a) : Status::Unavailable; }
+            Status add(const QString& a, const QByteArray& d) override
+            {
+                return pass() ? inner->add(a, d) : Status::Unavailable;
+            }
+            QString backendName() const override { return inner->backendName(); }
         };
-        const auto nothingRan = [&] { return timerRuns == 0 && queuedRuns == 0; };
-        const auto postBoth = [&] {
-            QTimer::singleShot(0, &context, [&] { ++timerRuns; });
-            QMetaObject::invokeMethod(
-                &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
-        };
+        auto owner = std::make_unique<GatedStore>();
+        owner->inner = makeSystemSecretStore();
+        QCOMPARE(owner->inner->backendName(), m_expected);
+        GatedStore* gated = owner.get();
+        KeychainHelper::setStore(std::move(owner));
+        auto restore = qScopeGuard([] { KeychainHelper::setStore(nullptr); });
+        // Each operation's store calls are let through by the event loop, from a timer.
+        const auto openFromTheLoop
+            = [&](int calls) { QTimer::singleShot(0, this, [gated, calls] { gated->gate.release(calls); }); };
 
-        postBoth();
-        QCOMPARE(store().add(u"quillet.access_token"_s, "abc"), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("add")));
-        QByteArray data;
-        QCOMPARE(store().copy(u"quillet.access_token"_s, data), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy")));
-        QCOMPARE(store().copy(u"quillet.refresh_token"_s, data), SecretStore::Status::NotFound);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("copy of a missing item")));
-        QCOMPARE(store().remove(u"quillet.access_token"_s), SecretStore::Status::Success);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("remove")));
-        KeychainHelper::save(u"quillet.access_token"_s, u"t"_s);
-        KeychainHelper::load(u"quillet.access_token"_s);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("KeychainHelper::save and load")));
-        QCOMPARE(makeSystemSecretStore()->backendName(), m_expected);
-        QVERIFY2(nothingRan(), qPrintable(ranDuring("choosing the store")));
-
-        // Both were really pending: they run as soon as the loop gets control back.
-        QTRY_COMPARE(timerRuns, 1);
-        QTRY_COMPARE(queuedRuns, 1);
+        const QString token = TestTokens::expiringIn(3600);
+        openFromTheLoop(2);
+        QCOMPARE(
+            QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.access_token"_s, token)), SecretStore::Status::Success);
+        openFromTheLoop(1);
+        QCOMPARE(
+            QCoro::waitFor(KeychainHelper::loadAsync(u"quillet.access_token"_s)).value, std::optional<QString>(token));
+        openFromTheLoop(1);
+        QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::optional<QString>(token));
+        openFromTheLoop(2);
+        QCoro::waitFor(KeychainHelper::clearTokensAsync());
+        openFromTheLoop(2);
+        QCoro::waitFor(KeychainHelper::migrateIfNeededAsync()); // signed out, no legacy items: two reads
+        QCOMPARE(gated->timedOut.load(), 0);
+        gated->gate.release(1);
+        QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::nullopt);
     }
 
     void itemsOfTheEarlierBuildAreFound()
@@ -234,6 +258,43 @@ private Q_SLOTS:
         QFile::remove(defaultSecretFilePath());
         KeychainHelper::save(u"quillet.access_token"_s, u"c"_s);
         QCOMPARE(KeychainHelper::load(u"quillet.access_token"_s), std::optional<QString>(u"c"_s));
+    }
+
+    // Last: the keyring stays locked for the rest of this session.
+    void zzLockedKeyringIsReportedAsLocked()
+    {
+        if (m_expected != u"Secret Service"_s)
+            QSKIP("only the Secret Service can be locked");
+        KeychainHelper::save(u"quillet.access_token"_s, u"locked-away"_s);
+        // As after a suspend: the user's keyring is locked while Quillet runs.
+        QProcess lock;
+        lock.start(u"dbus-send"_s,
+            { u"--session"_s, u"--print-reply"_s, u"--dest=org.freedesktop.secrets"_s, u"/org/freedesktop/secrets"_s,
+                u"org.freedesktop.Secret.Service.Lock"_s,
+                u"array:objpath:/org/freedesktop/secrets/collection/login"_s });
+        QVERIFY(lock.waitForFinished(10000));
+        QCOMPARE(lock.exitCode(), 0);
+
+        StdoutCapture out;
+        QObject context;
+        int queuedRuns = 0;
+        QMetaObject::invokeMethod(
+            &context, [&] { ++queuedRuns; }, Qt::QueuedConnection);
+        const KeychainHelper::Read read = QCoro::waitFor(KeychainHelper::loadAsync(u"quillet.access_token"_s));
+        QCOMPARE(queuedRuns, 1);
+        QCOMPARE(read.status, SecretStore::Status::Locked);
+        QCOMPARE(read.value, std::nullopt);
+        // Not "signed out": the log says what is wrong.
+        QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::nullopt);
+        // A save fails at once, and says so.
+        const SecretStore::Status saved
+            = QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.refresh_token"_s, u"refresh-token"_s));
+        QCOMPARE(saved, SecretStore::Status::Locked);
+        QCOMPARE(out.lines(),
+            (QStringList { u"⚠️ [Quillet] the keyring is locked: unlock it to use your sign-in"_s,
+                u"✗ [Quillet] could not save quillet.refresh_token: the keyring is locked"_s }));
+        // The keyring was not swapped for the private file.
+        QCOMPARE(makeSystemSecretStore()->backendName(), u"Secret Service"_s);
     }
 };
 

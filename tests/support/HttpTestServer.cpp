@@ -1,5 +1,7 @@
 #include "HttpTestServer.h"
 
+#include <QTimer>
+
 #include <QHostAddress>
 
 using namespace Qt::StringLiterals;
@@ -69,6 +71,12 @@ void HttpTestServer::send(const Pending& pending)
 {
     if (!pending.socket || pending.reply.silent)
         return;
+    if (pending.reply.delayMs > 0) {
+        Pending later = pending;
+        later.reply.delayMs = 0;
+        QTimer::singleShot(pending.reply.delayMs, this, [this, later] { send(later); });
+        return;
+    }
     if (pending.reply.drop) {
         pending.socket->abort();
         return;

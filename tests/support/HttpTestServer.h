@@ -23,6 +23,7 @@ struct HttpTestReply {
     QByteArray contentType = "application/json";
     bool drop = false; // close the connection without answering
     bool silent = false; // keep the connection open and never answer
+    int delayMs = 0; // answer this long after the request arrived (a slow backend)
 };
 
 // A small real HTTP/1.1 server on loopback, answering each request with whatever the

@@ -6,12 +6,15 @@
 #include <QStringList>
 
 // A secret store in memory that records every call ("copy:acct", "remove:acct", "add:acct").
+// With `locked` set it answers every call as a locked keyring does.
 class MemorySecretStore final : public SecretStore
 {
 public:
     Status copy(const QString& account, QByteArray& data) override
     {
         calls.append(QStringLiteral("copy:") + account);
+        if (locked)
+            return Status::Locked;
         if (!items.contains(account))
             return Status::NotFound;
         data = items.value(account);
@@ -20,11 +23,15 @@ public:
     Status remove(const QString& account) override
     {
         calls.append(QStringLiteral("remove:") + account);
+        if (locked)
+            return Status::Locked;
         return items.remove(account) > 0 ? Status::Success : Status::NotFound;
     }
     Status add(const QString& account, const QByteArray& data) override
     {
         calls.append(QStringLiteral("add:") + account);
+        if (locked)
+            return Status::Locked;
         if (items.contains(account))
             return Status::Duplicate;
         items.insert(account, data);
@@ -34,4 +41,5 @@ public:
 
     QMap<QString, QByteArray> items;
     QStringList calls;
+    bool locked = false;
 };

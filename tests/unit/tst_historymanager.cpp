@@ -1,3 +1,4 @@
+#include "StdoutCapture.h"
 #include "services/HistoryManager.h"
 
 #include <QJsonArray>
@@ -63,28 +64,15 @@ private Q_SLOTS:
         QCOMPARE(storedArray().size(), 50);
     }
 
-    void brokenBlobReadsEmptyAndIsReplaced_data()
+    void blobThatIsNotAnArrayReadsEmptyAndIsReplaced_data()
     {
         QTest::addColumn<QByteArray>("blob");
         const QByteArray good = R"({"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"kept?","date":700000000.5})";
-        QTest::newRow("entry without id") << QByteArray("[" + good + R"(,{"text":"a","date":1}])");
-        QTest::newRow("entry without text")
-            << QByteArray(R"([{"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","date":1}])");
-        QTest::newRow("entry without date")
-            << QByteArray(R"([{"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"a"}])");
         QTest::newRow("not an array") << QByteArray("{\"entries\":[" + good + "]}");
         QTest::newRow("not json") << QByteArray("history");
-        QTest::newRow("id not a uuid") << QByteArray(R"([{"id":"entry-1","text":"a","date":1}])");
-        QTest::newRow("id with braces") << QByteArray(
-            R"([{"id":"{2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C}","text":"a","date":1}])");
-        QTest::newRow("id a number") << QByteArray(R"([{"id":7,"text":"a","date":1}])");
-        QTest::newRow("text a number") << QByteArray(
-            R"([{"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":5,"date":1}])");
-        QTest::newRow("date a string") << QByteArray(
-            R"([{"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"a","date":"2024-01-01"}])");
-        QTest::newRow("entry not an object") << QByteArray("[" + good + R"(,"a"])");
+        QTest::newRow("truncated") << QByteArray("[" + good);
     }
-    void brokenBlobReadsEmptyAndIsReplaced()
+    void blobThatIsNotAnArrayReadsEmptyAndIsReplaced()
     {
         QFETCH(QByteArray, blob);
         store(blob);
@@ -97,6 +85,73 @@ private Q_SLOTS:
         QCOMPARE(array.size(), 1);
         QCOMPARE(array.first().toObject().value(u"text"_s).toString(), u"after"_s);
         QCOMPARE(history.entries().size(), 1);
+    }
+
+    void oneBadEntryCostsThatEntryAlone_data()
+    {
+        QTest::addColumn<QByteArray>("bad");
+        QTest::newRow("entry without id") << QByteArray(R"({"text":"a","date":1})");
+        QTest::newRow("entry without text") << QByteArray(R"({"id":"0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C","date":1})");
+        QTest::newRow("entry without date")
+            << QByteArray(R"({"id":"0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"a"})");
+        QTest::newRow("id not a uuid") << QByteArray(R"({"id":"entry-1","text":"a","date":1})");
+        QTest::newRow("id with braces") << QByteArray(
+            R"({"id":"{0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C}","text":"a","date":1})");
+        QTest::newRow("id a number") << QByteArray(R"({"id":7,"text":"a","date":1})");
+        QTest::newRow("text a number") << QByteArray(
+            R"({"id":"0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":5,"date":1})");
+        QTest::newRow("date a string") << QByteArray(
+            R"({"id":"0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"a","date":"2024-01-01"})");
+        QTest::newRow("date out of range")
+            << QByteArray(R"({"id":"0A1B2C3D-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"a","date":1e300})");
+        QTest::newRow("entry not an object") << QByteArray(R"("a")");
+        QTest::newRow("entry null") << QByteArray("null");
+    }
+    void oneBadEntryCostsThatEntryAlone()
+    {
+        QFETCH(QByteArray, bad);
+        const QByteArray first = R"({"id":"2F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"newest","date":700000002})";
+        const QByteArray last = R"({"id":"3F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C","text":"oldest","date":700000000})";
+        store("[" + first + "," + bad + "," + last + "]");
+        HistoryManager history(settings());
+        QList<HistoryEntry> entries = history.entries();
+        QCOMPARE(entries.size(), 2);
+        QCOMPARE(entries.at(0).text, u"newest"_s);
+        QCOMPARE(entries.at(1).text, u"oldest"_s);
+
+        // The next dictation is added in front of them instead of replacing them.
+        QVERIFY(history.add(u"after"_s));
+        entries = history.entries();
+        QCOMPARE(entries.size(), 3);
+        QCOMPARE(entries.at(0).text, u"after"_s);
+        QCOMPARE(entries.at(1).text, u"newest"_s);
+        QCOMPARE(entries.at(2).text, u"oldest"_s);
+        QCOMPARE(entries.at(2).id, QUuid::fromString(u"3F1A0B4C-8D3E-4F5A-9B6C-7D8E9F0A1B2C"_s));
+
+        qsizetype skipped = -1;
+        const auto decoded = HistoryManager::decode("[" + first + "," + bad + "," + last + "]", &skipped);
+        QVERIFY(decoded.has_value());
+        QCOMPARE(decoded->size(), 2);
+        QCOMPARE(skipped, 1);
+    }
+
+    void aFailedWriteIsReportedAndLogged()
+    {
+        // The settings file's folder cannot be made (its parent is a file): as an
+        // unwritable or full configuration folder, the write fails. Root ignores modes,
+        // so a mode would not do here.
+        const QString blocker = m_dir.filePath(u"not-a-folder"_s);
+        QFile file(blocker);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+        const QString path = blocker + u"/Quillet/Quillet.conf"_s;
+        HistoryManager history(std::make_unique<QSettings>(path, QSettings::IniFormat));
+        StdoutCapture out;
+        QVERIFY(!history.add(u"lost?"_s));
+        const QString log = out.text();
+        QVERIFY2(log.contains(u"\u2717 [Quillet] could not save the dictation to the history ("_s + path
+                     + u": cannot write the file)\n"_s),
+            qPrintable(log));
     }
 
     void valueThatIsNotDataReadsEmpty()

@@ -1,4 +1,5 @@
 #include "MemorySecretStore.h"
+#include "StdoutCapture.h"
 #include "TestTokens.h"
 #include "services/KeychainHelper.h"
 
@@ -54,6 +55,42 @@ private Q_SLOTS:
         KeychainHelper::clearTokens();
         QCOMPARE(m_store->calls, (QStringList { u"remove:quillet.access_token"_s, u"remove:quillet.refresh_token"_s }));
         QVERIFY(m_store->items.isEmpty());
+    }
+
+    void aLockedKeyringIsReportedAsLockedNotAsSignedOut()
+    {
+        KeychainHelper::save(u"quillet.access_token"_s, TestTokens::expiringIn(900));
+        m_store->locked = true;
+        StdoutCapture out;
+        const KeychainHelper::Read read = QCoro::waitFor(KeychainHelper::loadAsync(u"quillet.access_token"_s));
+        QCOMPARE(read.value, std::nullopt);
+        QCOMPARE(read.status, SecretStore::Status::Locked);
+        QCOMPARE(QCoro::waitFor(KeychainHelper::validAccessToken()), std::nullopt);
+        QCOMPARE(
+            out.lines(), QStringList { u"⚠️ [Quillet] the keyring is locked: unlock it to use your sign-in"_s });
+        // Nothing was forgotten: unlocked, the token is there again.
+        m_store->locked = false;
+        QVERIFY(QCoro::waitFor(KeychainHelper::validAccessToken()).has_value());
+    }
+    void aFailedSaveIsReportedAndLogged()
+    {
+        m_store->locked = true;
+        StdoutCapture out;
+        QCOMPARE(
+            QCoro::waitFor(KeychainHelper::saveAsync(u"quillet.access_token"_s, u"a"_s)), SecretStore::Status::Locked);
+        QCOMPARE(KeychainHelper::save(u"quillet.refresh_token"_s, u"r"_s), SecretStore::Status::Locked);
+        QCOMPARE(out.lines(),
+            (QStringList { u"✗ [Quillet] could not save quillet.access_token: the keyring is locked"_s,
+                u"✗ [Quillet] could not save quillet.refresh_token: the keyring is locked"_s }));
+    }
+    void storeCallsKeepTheirOrderAcrossTheKeychainThread()
+    {
+        QCoro::Task<SecretStore::Status> first = KeychainHelper::saveAsync(u"quillet.access_token"_s, u"1"_s);
+        QCoro::Task<SecretStore::Status> second = KeychainHelper::saveAsync(u"quillet.access_token"_s, u"2"_s);
+        QCoro::Task<KeychainHelper::Read> read = KeychainHelper::loadAsync(u"quillet.access_token"_s);
+        QCOMPARE(QCoro::waitFor(std::move(read)).value, std::optional<QString>(u"2"_s));
+        QCOMPARE(QCoro::waitFor(std::move(first)), SecretStore::Status::Success);
+        QCOMPARE(QCoro::waitFor(std::move(second)), SecretStore::Status::Success);
     }
 
     void expiry_data()

@@ -155,6 +155,21 @@ bool countsUtf16(QStringView text, qint64 reportedCount)
     return reportedCount == text.size() && reportedCount != characterCount(text);
 }
 
+// Characters that cannot reach the application through AT-SPI as they are: libatspi
+// takes C strings, so a NUL would end the text there, and the other C0 controls
+// (but tab and line feed) are nothing a text field can show. They are left out; the
+// rest of the text goes in whole.
+bool isDroppedControl(QChar c)
+{
+    const char16_t u = c.unicode();
+    return (u < 0x20 && u != u'\t' && u != u'\n') || u == 0x7f;
+}
+
+qsizetype droppedControls(QStringView text)
+{
+    return std::count_if(text.begin(), text.end(), isDroppedControl);
+}
+
 class AtspiElement final : public AccessibleElement
 {
 public:
@@ -228,12 +243,16 @@ public:
         // editable state is what tells whether the write can work.
         if (!editable || !hasState(m_accessible.get(), ATSPI_STATE_EDITABLE))
             return false;
+        QString text = value;
+        text.removeIf(isDroppedControl);
         GError* error = nullptr;
         const gboolean written
-            = atspi_editable_text_set_text_contents(editable.get(), value.toUtf8().constData(), &error);
+            = atspi_editable_text_set_text_contents(editable.get(), text.toUtf8().constData(), &error);
         if (failed(error) || !written)
             return false;
-        m_text = value;
+        m_text = text;
+        // The caller places the caret by offsets into what it asked for.
+        m_requested = text.size() == value.size() ? QString() : value;
         m_textRead = false;
         return true;
     }
@@ -245,13 +264,18 @@ public:
             return false;
         GError* error = nullptr;
         qint64 target = offset;
+        if (!m_requested.isEmpty()) {
+            const auto before
+                = QStringView(m_requested).first(std::min<qint64>(utf16Index(m_requested, offset), m_requested.size()));
+            target -= droppedControls(before);
+        }
         // Only a text with characters beyond the BMP needs the unit checked.
         if (characterCount(m_text) != m_text.size()) {
             const gint count = atspi_text_get_character_count(text.get(), &error);
             if (failed(error))
                 return false;
             if (countsUtf16(m_text, count))
-                target = utf16Index(m_text, offset);
+                target = utf16Index(m_text, target);
         }
         const gboolean moved = atspi_text_set_caret_offset(text.get(), static_cast<gint>(target), &error);
         return !failed(error) && moved;
@@ -275,6 +299,7 @@ private:
 
     GPtr<AtspiAccessible> m_accessible;
     QString m_text; // as last read, or as last written
+    QString m_requested; // what setValue was asked to write, when controls were left out of it
     bool m_textRead = false;
     bool m_utf16Offsets = false;
 };

@@ -16,7 +16,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A keyring may ask the user to unlock it; give them time, but never wait forever.
+// A Secret Service that hangs must not hold the keychain thread for ever.
 constexpr std::chrono::milliseconds callTimeout { 60'000 };
 // Deciding whether the keyring is usable at all must not stall start-up behind a
 // prompt nobody answers (a headless session, a keyring without any collection).
@@ -95,6 +95,34 @@ std::optional<QByteArray> lookup(
     return text;
 }
 
+enum class CollectionState { Unlocked, Locked, Missing, NoAnswer };
+
+// Whether the default collection (where our items go) is locked, asked without any
+// prompt: a locked keyring is reported as such, never waited on. (An unlock prompt
+// with nobody to answer it, as in a session without a prompter, would hold every
+// later call until the deadline; the user unlocks the keyring with the desktop's
+// own tools, and the next call finds it open.)
+CollectionState defaultCollectionState(GCancellable* cancellable)
+{
+    GError* raw = nullptr;
+    SecretService* secrets = secret_service_get_sync(SECRET_SERVICE_NONE, cancellable, &raw);
+    ErrorPtr error(raw);
+    if (!secrets)
+        return CollectionState::NoAnswer;
+    raw = nullptr;
+    SecretCollection* collection = secret_collection_for_alias_sync(
+        secrets, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable, &raw);
+    error.reset(raw);
+    if (!collection) {
+        g_object_unref(secrets);
+        return error ? CollectionState::NoAnswer : CollectionState::Missing;
+    }
+    const bool locked = secret_collection_get_locked(collection);
+    g_object_unref(collection);
+    g_object_unref(secrets);
+    return locked ? CollectionState::Locked : CollectionState::Unlocked;
+}
+
 } // namespace
 
 KeyringSecretStore::KeyringSecretStore(QString service)
@@ -106,6 +134,16 @@ SecretStore::Status KeyringSecretStore::copy(const QString& account, QByteArray&
     const QByteArray user = account.toUtf8();
     const QByteArray server = m_service.toUtf8();
     const Deadline deadline(callTimeout);
+    // A lookup in a locked keyring would ask to unlock it and wait for the answer.
+    switch (defaultCollectionState(deadline.cancellable())) {
+    case CollectionState::Locked:
+        return Status::Locked;
+    case CollectionState::NoAnswer:
+        return Status::Unavailable;
+    case CollectionState::Missing:
+    case CollectionState::Unlocked:
+        break;
+    }
     ErrorPtr error;
     if (std::optional<QByteArray> text = lookup(user, server, "base64", deadline.cancellable(), error)) {
         data = QByteArray::fromBase64(*text);
@@ -125,6 +163,15 @@ SecretStore::Status KeyringSecretStore::remove(const QString& account)
     const QByteArray user = account.toUtf8();
     const QByteArray server = m_service.toUtf8();
     const Deadline deadline(callTimeout);
+    switch (defaultCollectionState(deadline.cancellable())) {
+    case CollectionState::Locked:
+        return Status::Locked;
+    case CollectionState::NoAnswer:
+        return Status::Unavailable;
+    case CollectionState::Missing:
+    case CollectionState::Unlocked:
+        break;
+    }
     GError* raw = nullptr;
     // Every item of this account, whichever type it was written with.
     const gboolean removed = secret_password_clear_sync(
@@ -142,6 +189,15 @@ SecretStore::Status KeyringSecretStore::add(const QString& account, const QByteA
     const QByteArray label = m_service.toUtf8();
     const QByteArray secret = data.toBase64();
     const Deadline deadline(callTimeout);
+    switch (defaultCollectionState(deadline.cancellable())) {
+    case CollectionState::Locked:
+        return Status::Locked;
+    case CollectionState::NoAnswer:
+        return Status::Unavailable;
+    case CollectionState::Missing:
+    case CollectionState::Unlocked:
+        break;
+    }
     GError* raw = nullptr;
     // The Secret Service replaces an item with the same attributes instead of
     // refusing it, so a duplicate is never reported from here.
@@ -186,8 +242,10 @@ bool KeyringSecretStore::isAvailable(const QString& service)
         return false;
     const bool locked = secret_collection_get_locked(collection);
     g_object_unref(collection);
+    // A locked keyring still holds the tokens: it is used, and reported as locked
+    // until the user unlocks it, rather than swapped for an empty private file.
     if (locked)
-        return false;
+        return true;
     // And it must answer a read: "not found" is the answer we expect.
     lookup("quillet.availability-probe", service.toUtf8(), "base64", deadline.cancellable(), error);
     return !error;
