@@ -49,6 +49,7 @@ public:
         m_state.setMode(HUDMode::error(message));
     }
     void showSuccess(const QString&, std::optional<Tone> tone) override { m_state.setMode(HUDMode::success(tone)); }
+    void dismiss() override { }
 
 private:
     QStringList& m_shown;
@@ -246,6 +247,8 @@ private Q_SLOTS:
         QVERIFY(lines.contains(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s));
         QCOMPARE(lines.count(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s), 3);
         QVERIFY(lines.contains(u"🛑 [Quillet] hotkeyEnded"_s));
+        // The refusal says why.
+        QCOMPARE(lines.count(u"⚠️ [Quillet] key press ignored: the previous dictation is still finishing"_s), 1);
         QTRY_VERIFY(!delegate->hasDictationSession());
     }
 

@@ -26,6 +26,7 @@ private Q_SLOTS:
     void theEndOfTheUtteranceIsKept();
     void followsTheDefaultSourceWhenItChanges();
     void aMonitorAsDefaultIsNoMicrophone();
+    void aMicrophoneThatVanishesIsReported();
     void cleanupTestCase();
 
 private:
@@ -303,6 +304,31 @@ void TestCapturePulse::aMonitorAsDefaultIsNoMicrophone()
     QCOMPARE(failure->error, std::nullopt);
     QCOMPARE(failure->description, u"No microphone was found; connect one or choose one in the sound settings."_s);
     capture.stop();
+    setDefaultSource(qEnvironmentVariable("QUILLET_MIC_SOURCE"));
+}
+
+void TestCapturePulse::aMicrophoneThatVanishesIsReported()
+{
+    // A USB microphone pulled out mid-dictation: its source module goes away.
+    const QString microphone = addMicrophone(u"vanishing"_s, 48000, 1);
+    const QString sourceModule = m_modules.last();
+    setDefaultSource(microphone);
+    auto delegate = std::make_shared<RecordingCaptureDelegate>();
+    AudioCaptureManager capture;
+    capture.setDelegate(delegate);
+    QCOMPARE(capture.start(), std::nullopt);
+    QTRY_VERIFY(delegate->buffers().size() >= 2); // the null sink's monitor runs in real time
+    QVERIFY(delegate->losses().isEmpty());
+
+    run(u"pactl"_s, { u"unload-module"_s, sourceModule });
+    m_modules.removeAll(sourceModule);
+    QTRY_COMPARE(delegate->losses(), QStringList { u"the microphone's source went away"_s });
+    // Nothing follows the loss, and stopping afterwards is quiet.
+    const size_t calls = delegate->calls();
+    QTest::qWait(200);
+    QCOMPARE(delegate->calls(), calls);
+    capture.stop();
+    QCOMPARE(delegate->losses().size(), 1);
     setDefaultSource(qEnvironmentVariable("QUILLET_MIC_SOURCE"));
 }
 
