@@ -218,6 +218,11 @@ void DictationSession::armWatchdog()
     QTimer::singleShot(m_environment.timings.transcriptionTimeout, this, [this] {
         if (m_sessionEnded || m_failed)
             return;
+        if (m_captureLost) {
+            // The capsule says the microphone went; what the backend sent is kept.
+            keepWhatWasHeard(microphoneLostWithWords, microphoneLost);
+            return;
+        }
         const QString heard = heardSoFar();
         if (heard.isEmpty()) {
             m_failed = true;
@@ -234,10 +239,6 @@ void DictationSession::armWatchdog()
         m_sessionEnded = true;
         m_transcriptionService->setDelegate(nullptr, nullptr);
         closeStream();
-        if (m_captureLost) {
-            keepWhatWasHeard(microphoneLostWithWords, microphoneLost);
-            return;
-        }
         proceedWith(heard);
     });
 }

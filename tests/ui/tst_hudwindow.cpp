@@ -3,6 +3,7 @@
 #include "HUDProbe.h"
 #include "platform/WindowCompositing.h"
 #include "ui/HUDWindowController.h"
+#include "ui/TextFit.h"
 
 #include <QAccessible>
 #include <QCursor>
@@ -439,6 +440,24 @@ private Q_SLOTS:
         };
         findAlerts(findAlerts, QAccessible::queryAccessibleInterface(hud.window()));
         QCOMPARE(alerts, QStringList { u"Microphone lost. Your words are in the history."_s });
+    }
+
+    // A megabyte partial (a broken or hostile backend) shows its end at once: the capsule
+    // lays out a bounded tail of it, however long it is.
+    void aHugePartialShowsItsEndInBoundedWork()
+    {
+        HUDWindowController hud(fastTiming());
+        hud.show(HUDMode::dictating());
+        QVERIFY(waitForExposed(hud));
+        const qint64 before = TextFit::charactersLaidOut();
+        hud.hudState().setPartialText(u"x"_s.repeated(1024 * 1024) + u"END"_s);
+        QQuickItem* text = item(hud, u"hudText"_s);
+        QVERIFY(text);
+        QTRY_VERIFY(text->property("text").toString().endsWith(u"END"_s));
+        const qsizetype limit = TextFit::tailLimit(254, 2);
+        QVERIFY(text->property("text").toString().size() <= limit + 1);
+        const qint64 work = TextFit::charactersLaidOut() - before;
+        QVERIFY2(work <= 100 * (limit + 1), qPrintable(QString::number(work)));
     }
 
     void successIsDismissedAfterItsDelay()

@@ -772,6 +772,17 @@ private Q_SLOTS:
         QTRY_COMPARE(f.completions, 1);
     }
 
+    void microphoneLostBeforeAnyWordStaysTheMessage()
+    {
+        Fixture f;
+        auto session = f.started();
+        f.capture->m_delegate.lock()->audioCaptureWasLost(u"the sound server went away"_s);
+        QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Check the sound settings."_s));
+        QTRY_COMPARE(f.completions, 1); // the watchdog ends it, without a message of its own
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Check the sound settings."_s));
+        QVERIFY(f.history.isEmpty());
+    }
+
     // Tone mode: the words are in the history before the tone is asked for.
     void toneModeKeepsTheTranscriptBeforeThePick()
     {
