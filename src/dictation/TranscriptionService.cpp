@@ -332,7 +332,10 @@ void TranscriptionService::handleMessage(const QByteArray& data)
         const QString failureCode = code.isString() ? code.toString() : u"UNKNOWN"_s;
         // A clock behind the backend's makes a fresh token look expired to it: renew the
         // token once and start over, before any words came back.
-        if (failureCode == QLatin1StringView("TOKEN_EXPIRED") && !m_retriedToken && m_keepingReplay && !m_cancelled) {
+        // Only a stream that is open can be opened again (a message handed in by other
+        // means is reported as it is).
+        if (failureCode == QLatin1StringView("TOKEN_EXPIRED") && !m_retriedToken && m_keepingReplay && m_socket
+            && !m_cancelled) {
             m_retriedToken = true;
             reconnectWithFreshToken(failure, failureCode);
             return;
