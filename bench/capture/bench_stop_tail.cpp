@@ -36,6 +36,10 @@ public:
     {
         std::fprintf(stderr, "conversion failed: %s\n", qPrintable(error));
     }
+    void audioCaptureWasLost(const QString& reason) override
+    {
+        std::fprintf(stderr, "capture lost: %s\n", qPrintable(reason));
+    }
     std::vector<qint16> samples() const
     {
         const std::lock_guard lock(m_mutex);

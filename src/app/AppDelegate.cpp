@@ -160,13 +160,21 @@ void AppDelegate::hotkeyBegan(bool isToneMode)
         this,
         [this, isToneMode] {
             if (m_dictationSession) {
+                // A tone picker nobody answers must not hold the key hostage: the press
+                // takes the cleaned-up text instead.
+                if (m_dictationSession->awaitingTone()) {
+                    m_dictationSession->skipTone();
+                    return;
+                }
                 // The second press of a double tap asks for tone mode; the dictation its first
                 // tap started has heard nothing and gives way. Any other press while a
-                // dictation is finishing is refused.
+                // dictation is finishing is refused, and says so.
                 const bool firstTapOfThisDoubleTap = isToneMode && !m_dictationSession->toneMode()
                     && m_dictationSession->stopped() && m_dictationSession->accumulated().trimmed().isEmpty();
-                if (!firstTapOfThisDoubleTap)
+                if (!firstTapOfThisDoubleTap) {
+                    Log::write(Log::Symbol::Warning, u"key press ignored: the previous dictation is still finishing"_s);
                     return;
+                }
                 m_dictationSession->abandon();
                 m_dictationSession.reset();
             }

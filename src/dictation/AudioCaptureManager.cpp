@@ -72,6 +72,12 @@ struct AudioCaptureManager::Tap {
             target->audioCaptureDidReceive(std::move(output));
     }
 
+    void lost(const QString& reason) const
+    {
+        if (const std::shared_ptr<AudioCaptureDelegate> target = delegate())
+            target->audioCaptureWasLost(reason);
+    }
+
     void fail(const QString& error) const
     {
         if (const std::shared_ptr<AudioCaptureDelegate> target = delegate())
@@ -145,6 +151,7 @@ std::optional<CaptureStartFailure> AudioCaptureManager::start()
     tap->converter = std::move(converter);
     tap->manager = this;
     m_tap = tap;
+    m_engine->setLossHandler([tap](const AudioInputFailure& failure) { tap->lost(failure.description); });
     if (auto failure = m_engine->start(framesPerBuffer, [tap](const AudioFrames& frames) { tap->process(frames); }))
         return CaptureStartFailure { std::nullopt, failure->description };
     m_running = true;

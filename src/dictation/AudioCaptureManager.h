@@ -25,6 +25,9 @@ public:
     virtual void audioCaptureDidReceive(Pcm16Buffer pcmBuffer) = 0;
     // One buffer could not be converted; the error is the converter's. Capture goes on.
     virtual void audioCaptureDidFail(const QString& error) = 0;
+    // The microphone or the sound server went away: no buffer follows. Called once, on
+    // the audio thread; the reason is a sentence for the log.
+    virtual void audioCaptureWasLost(const QString& reason) = 0;
 };
 
 // The failure of start() that the capture itself names, with its fixed sentence.

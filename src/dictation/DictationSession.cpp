@@ -45,6 +45,17 @@ public:
             Qt::QueuedConnection);
     }
 
+    void audioCaptureWasLost(const QString& reason) override
+    {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [session = m_session, reason] {
+                if (session)
+                    session->captureLost(reason);
+            },
+            Qt::QueuedConnection);
+    }
+
 private:
     // Written once on the main thread before the capture starts; only copied afterwards.
     const QPointer<DictationSession> m_session;
@@ -73,6 +84,11 @@ Q_SIGNALS:
 private:
     std::optional<std::optional<StreamConnectFailure>> m_outcome;
 };
+
+const QString connectionLostWithWords = u"Connection lost. Your words are in the history."_s;
+const QString connectionLost = u"Connection to the transcription server lost."_s;
+const QString microphoneLostWithWords = u"Microphone lost. Your words are in the history."_s;
+const QString microphoneLost = u"Microphone lost. Check the sound settings."_s;
 
 StreamConnectFailure connectionTimedOut()
 {
@@ -130,6 +146,11 @@ QCoro::Task<> DictationSession::connectAndCapture(std::shared_ptr<DictationSessi
         co_await qCoro(race.get(), &ConnectRace::settled);
 
     std::optional<StreamConnectFailure> failure = race->failure();
+    if (self->m_abandoned) {
+        // Given up by its owner: the capsule has gone, and nothing more is shown.
+        self->closeStream();
+        co_return;
+    }
     if (failure && failure->error == TranscriptionError(TranscriptionError::connectionTimeout)) {
         // The attempt lost the race: end it, so a late connection does not stay open.
         self->m_transcriptionService->cancel();
@@ -140,7 +161,10 @@ QCoro::Task<> DictationSession::connectAndCapture(std::shared_ptr<DictationSessi
     }
 
     if (self->m_stopped) {
-        // The key came up while connecting: nothing was said, nothing is shown.
+        // The key came up while connecting: nothing was said, nothing is shown. The stream's
+        // own end is of no interest any more: it would only report a close we asked for.
+        Log::write(Log::Symbol::Stop, u"key released before the stream connected: nothing was recorded"_s);
+        self->m_transcriptionService->setDelegate(nullptr, nullptr);
         self->closeStream();
         if (self->m_onCompleted)
             std::exchange(self->m_onCompleted, nullptr)();
@@ -151,6 +175,10 @@ QCoro::Task<> DictationSession::connectAndCapture(std::shared_ptr<DictationSessi
     self->m_audioCapture = self->m_environment.makeCapture();
     self->m_audioCapture->setDelegate(self->m_captureForwarder);
     if (const std::optional<CaptureStartFailure> captureFailure = self->m_audioCapture->start()) {
+        // Without a microphone the open stream has nothing to do; its close must not put
+        // a backend message over the one that says what is wrong.
+        self->m_failed = true;
+        self->closeStream();
         self->showFailure(captureFailure->description);
         co_return;
     }
@@ -168,52 +196,150 @@ void DictationSession::showFailure(const QString& description)
 
 void DictationSession::stop()
 {
+    if (m_stopped)
+        return; // a second release (after the key skipped the tone picker) changes nothing
     m_stopped = true;
     if (m_audioCapture)
         m_audioCapture->stop();
-    // Queued behind the last buffers the capture handed over, so the stop message follows them.
-    QMetaObject::invokeMethod(
-        this, [this] { m_transcriptionService->stop(); }, Qt::QueuedConnection);
-    if (m_failed)
+    // Queued behind the last buffers the capture handed over, so the stop message follows
+    // them. After a lost microphone it went out already.
+    if (!m_captureLost) {
+        QMetaObject::invokeMethod(
+            this, [this] { m_transcriptionService->stop(); }, Qt::QueuedConnection);
+    }
+    if (m_failed || m_captureLost || m_sessionEnded)
         return;
     m_hud->hudState().setMode(HUDMode::cleaning());
+    armWatchdog();
+}
+
+void DictationSession::armWatchdog()
+{
     QTimer::singleShot(m_environment.timings.transcriptionTimeout, this, [this] {
         if (m_sessionEnded || m_failed)
             return;
-        m_failed = true;
+        if (m_captureLost) {
+            // The capsule says the microphone went; what the backend sent is kept.
+            keepWhatWasHeard(microphoneLostWithWords, microphoneLost);
+            return;
+        }
+        const QString heard = heardSoFar();
+        if (heard.isEmpty()) {
+            m_failed = true;
+            closeStream();
+            m_hud->showError(u"Transcription timed out. Try again."_s);
+            completeAfter(m_environment.timings.errorLinger);
+            return;
+        }
+        // The backend answered but never closed: what it sent is the transcript.
+        Log::write(Log::Symbol::Warning,
+            u"no end of transcript %1 s after the key was released: going on with the %2 chars received"_s
+                .arg(m_environment.timings.transcriptionTimeout.count() / 1000.0)
+                .arg(heard.size()));
+        m_sessionEnded = true;
+        m_transcriptionService->setDelegate(nullptr, nullptr);
         closeStream();
-        m_hud->showError(u"Transcription timed out. Try again."_s);
-        completeAfter(m_environment.timings.errorLinger);
+        proceedWith(heard);
     });
 }
 
 void DictationSession::abandon()
 {
+    m_abandoned = true;
     m_failed = true; // the watchdog and a late end of transcript stand down
+    m_awaitingTone = false;
     m_onCompleted = nullptr;
     m_transcriptionService->setDelegate(nullptr, nullptr);
     if (m_audioCapture)
         m_audioCapture->stop();
     closeStream();
+    m_hud->dismiss();
 }
 
 void DictationSession::transcriptionDidReceivePartial(const QString& text)
 {
+    m_pendingPartial = text;
     m_hud->hudState().setPartialText(m_accumulated.isEmpty() ? text : m_accumulated + u' ' + text);
 }
 
 void DictationSession::transcriptionDidReceiveFinal(const QString& text)
 {
+    m_pendingPartial.clear();
     if (!m_accumulated.isEmpty())
         m_accumulated += u' ';
     m_accumulated += text;
     m_hud->hudState().setPartialText(m_accumulated);
 }
 
+QString DictationSession::heardSoFar() const
+{
+    const QString partial = m_pendingPartial.trimmed();
+    if (partial.isEmpty())
+        return m_accumulated.trimmed();
+    return (m_accumulated + u' ' + partial).trimmed();
+}
+
+void DictationSession::keepInHistory(const QString& text)
+{
+    if (text.isEmpty() || text == m_keptInHistory)
+        return;
+    m_keptInHistory = text;
+    m_environment.addToHistory(text);
+}
+
+void DictationSession::keepWhatWasHeard(const QString& withWords, const QString& withoutWords)
+{
+    m_sessionEnded = true;
+    m_failed = true;
+    m_awaitingTone = false;
+    if (m_audioCapture)
+        m_audioCapture->stop();
+    m_transcriptionService->setDelegate(nullptr, nullptr);
+    closeStream();
+    const QString heard = heardSoFar();
+    if (!heard.isEmpty()) {
+        keepInHistory(heard);
+        Log::write(Log::Symbol::Warning,
+            u"the transcript was not completed: the %1 chars heard are kept in the history"_s.arg(heard.size()));
+    }
+    m_hud->showError(heard.isEmpty() ? withoutWords : withWords);
+    completeAfter(m_environment.timings.errorLinger);
+}
+
+void DictationSession::captureLost(const QString& reason)
+{
+    Log::write(Log::Symbol::Failure, u"audio capture lost: "_s + reason);
+    if (m_failed || m_sessionEnded || m_captureLost)
+        return;
+    m_captureLost = true;
+    if (m_audioCapture)
+        m_audioCapture->stop();
+    m_hud->showError(microphoneLost);
+    if (m_stopped)
+        return; // the backend was asked to finish already, and the watchdog runs
+    // Ask the backend to finish what it heard before the microphone went away.
+    QMetaObject::invokeMethod(
+        this, [this] { m_transcriptionService->stop(); }, Qt::QueuedConnection);
+    armWatchdog();
+}
+
 void DictationSession::transcriptionDidEnd()
 {
     if (m_sessionEnded || m_failed)
         return;
+    if (m_captureLost) {
+        keepWhatWasHeard(microphoneLostWithWords, microphoneLost);
+        return;
+    }
+    // The backend closes the stream after the stop message; a close while the key is still
+    // held, or with words shown that no final confirmed, is a stream that died.
+    if (!m_stopped || (m_accumulated.trimmed().isEmpty() && !m_pendingPartial.trimmed().isEmpty())) {
+        Log::write(Log::Symbol::Failure,
+            m_stopped ? u"the stream ended with words no final confirmed"_s
+                      : u"the stream ended while the key was still held"_s);
+        keepWhatWasHeard(connectionLostWithWords, connectionLost);
+        return;
+    }
     m_sessionEnded = true;
     const QString transcript = m_accumulated.trimmed();
     Log::write(Log::Symbol::EndOfTranscript, u"transcriptionDidEnd accumulated=%1 chars"_s.arg(transcript.size()));
@@ -223,27 +349,69 @@ void DictationSession::transcriptionDidEnd()
         completeAfter(m_environment.timings.errorLinger);
         return;
     }
+    proceedWith(transcript);
+}
+
+void DictationSession::proceedWith(const QString& transcript)
+{
     if (!m_toneMode) {
         cleanUpAndInsert(shared_from_this(), transcript);
         return;
     }
+    // The choice may never come: the words are kept before the picker asks for it.
+    keepInHistory(transcript);
+    m_awaitingTone = true;
     const std::weak_ptr<DictationSession> weakSelf = weak_from_this();
-    m_hud->hudState().setMode(HUDMode::tonePicker([weakSelf, transcript](Tone tone) {
-        const std::shared_ptr<DictationSession> self = weakSelf.lock();
-        if (!self)
-            return;
-        self->m_hud->hudState().setMode(HUDMode::rewriting(tone));
-        rewriteAndInsert(self, transcript, tone);
-    }));
+    m_hud->hudState().setMode(HUDMode::tonePicker(
+        [weakSelf, transcript](Tone tone) {
+            const std::shared_ptr<DictationSession> self = weakSelf.lock();
+            if (!self || !self->m_awaitingTone)
+                return;
+            self->m_awaitingTone = false;
+            self->m_hud->hudState().setMode(HUDMode::rewriting(tone));
+            rewriteAndInsert(self, transcript, tone);
+        },
+        [weakSelf] {
+            if (const std::shared_ptr<DictationSession> self = weakSelf.lock())
+                self->dismissTonePicker();
+        }));
+}
+
+void DictationSession::skipTone()
+{
+    if (!m_awaitingTone)
+        return;
+    m_awaitingTone = false;
+    Log::write(Log::Symbol::Key, u"tone picker skipped by the key: inserting the cleaned-up text"_s);
+    m_hud->hudState().setMode(HUDMode::cleaning());
+    cleanUpAndInsert(shared_from_this(), m_keptInHistory);
+}
+
+void DictationSession::dismissTonePicker()
+{
+    if (!m_awaitingTone)
+        return;
+    m_awaitingTone = false;
+    Log::write(Log::Symbol::Stop, u"tone picker closed: nothing inserted, the transcript is in the history"_s);
+    m_hud->dismiss();
+    completeAfter(std::chrono::milliseconds(0));
 }
 
 void DictationSession::transcriptionDidFail(const QString& message, const QString& code)
 {
     Log::write(Log::Symbol::Failure, u"transcriptionDidFail code=%1 message=%2"_s.arg(code, message));
+    if (m_failed) {
+        // The first failure is on the capsule already and says what went wrong first.
+        Log::writeContinuation(u"not shown: an earlier failure is on the capsule");
+        return;
+    }
     m_failed = true;
     if (m_audioCapture)
         m_audioCapture->stop();
     closeStream();
+    // Whatever the capsule showed before the failure is the user's: keep it.
+    if (!m_sessionEnded)
+        keepInHistory(heardSoFar());
     m_hud->showError(message);
     completeAfter(m_environment.timings.errorLinger);
 }
@@ -263,7 +431,7 @@ QCoro::Task<> DictationSession::rewriteAndInsert(std::shared_ptr<DictationSessio
 void DictationSession::finish(const QString& text, std::optional<Tone> tone)
 {
     // The history first: should the insertion bring the program down, the text is not lost.
-    m_environment.addToHistory(text);
+    keepInHistory(text);
     m_environment.insert(text);
     m_hud->showSuccess(text, tone);
     completeAfter(m_environment.timings.successLinger);

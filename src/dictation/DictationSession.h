@@ -68,8 +68,14 @@ public:
     // The key was released.
     void stop();
     // The owner gives this dictation up before it heard anything (the first tap of a double
-    // tap): the stream and the capture close, nothing more is shown, onCompleted is dropped.
+    // tap): the stream and the capture close, the capsule goes, onCompleted is dropped.
     void abandon();
+    // True while the tone picker waits for a choice.
+    bool awaitingTone() const { return m_awaitingTone; }
+    // The key went down again while the tone picker waits: no tone, the cleaned text is inserted.
+    void skipTone();
+    // The tone picker's close control: nothing is inserted; the transcript is in the history.
+    void dismissTonePicker();
 
     void transcriptionDidReceivePartial(const QString& text) override;
     void transcriptionDidReceiveFinal(const QString& text) override;
@@ -98,6 +104,16 @@ private:
     void completeAfter(std::chrono::milliseconds delay);
     void forwardAudio(const Pcm16Buffer& buffer);
     void forwardCaptureError(const QString& error);
+    void captureLost(const QString& reason);
+    void armWatchdog();
+    // The transcript is complete: clean up and insert, or offer the tones.
+    void proceedWith(const QString& transcript);
+    // The stream or the microphone gave out before the transcript was complete: what was
+    // heard (finals and the last partial) goes to the history, and the capsule says so.
+    void keepWhatWasHeard(const QString& withWords, const QString& withoutWords);
+    // The finals and the partial after them, trimmed: everything the capsule has shown.
+    QString heardSoFar() const;
+    void keepInHistory(const QString& text);
 
     DictationEnvironment m_environment;
     const bool m_toneMode;
@@ -105,6 +121,13 @@ private:
     std::unique_ptr<AudioCapture> m_audioCapture;
     std::unique_ptr<HUDPresenter> m_hud;
     QString m_accumulated;
+    // The last partial since the last final: shown, not yet confirmed by a final.
+    QString m_pendingPartial;
+    // What this dictation has written to the history, so the same text is not written twice.
+    QString m_keptInHistory;
+    bool m_abandoned = false;
+    bool m_captureLost = false;
+    bool m_awaitingTone = false;
     bool m_failed = false;
     bool m_stopped = false;
     bool m_sessionEnded = false;

@@ -7,7 +7,6 @@
 #include "services/RewriteService.h"
 #include "ui/HUDWindowController.h"
 
-#include <QClipboard>
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QInputMethodEvent>
@@ -19,8 +18,9 @@ namespace {
 // Text for one of our own windows (the first-run practice box) goes straight into
 // its focused field. Asking the accessibility bus about ourselves would wait on the
 // very thread that has to answer, so while one of our windows has the focus the
-// system inserter is never used: without a text field there, the text goes to the
-// clipboard (and is in the history either way).
+// system inserter is never used. Without a text field there the text goes nowhere
+// but the history (written before the insertion): the clipboard is the user's, and
+// nothing would paste it back.
 bool insertIntoOwnWindow(const QString& text)
 {
     if (!QGuiApplication::focusWindow())
@@ -30,9 +30,8 @@ bool insertIntoOwnWindow(const QString& text)
     if (field)
         QCoreApplication::sendEvent(field, &query);
     if (!field || !query.value(Qt::ImEnabled).toBool()) {
-        QGuiApplication::clipboard()->setText(text);
         Log::write(Log::Symbol::Warning,
-            u"Quillet's own window has the focus but no text field: the text is on the clipboard"_s);
+            u"Quillet's own window has the focus but no text field: the text is only in the history"_s);
         return true;
     }
     QInputMethodEvent commit;

@@ -2,16 +2,20 @@
 
 #include "services/AppConfig.h"
 #include "services/KeychainHelper.h"
+#include "services/Log.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QUrl>
+#include <QUtf8StringView>
 #include <QWebSocket>
 
-#include <QCoroWebSocket>
+#include <QCoroSignal>
 
+#include <array>
 #include <bit>
 #include <cstdlib>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -81,46 +85,77 @@ QCoro::Task<std::optional<StreamConnectFailure>> TranscriptionService::connect()
 {
     QPointer<TranscriptionService> self(this);
     const std::optional<QString> token = co_await KeychainHelper::validAccessToken();
-    if (!self)
+    if (!self || m_cancelled)
         co_return cancelled();
     if (!token) {
         const TranscriptionError error(TranscriptionError::notSignedIn);
         co_return StreamConnectFailure { error, error.errorDescription() };
     }
 
-    const QUrl url(streamAddress(AppConfig::apiBaseURL()), QUrl::StrictMode);
-    if (!url.isValid()) {
-        // The address comes from the build's own information file; a broken one is a packaging bug.
-        qFatal("The stream address built from the API base is not a valid URL");
+    if (const std::optional<QString> failure = co_await open(streamURL())) {
+        if (!self || m_cancelled)
+            co_return cancelled();
+        co_return StreamConnectFailure { std::nullopt, *failure };
     }
-
-    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
-    m_socket = socket;
-    const bool opened = co_await qCoro(socket).open(url);
-    if (!self)
-        co_return cancelled();
-    if (!opened) {
-        const QString reason = socket->errorString();
-        if (m_socket == socket)
-            m_socket = nullptr;
-        socket->deleteLater();
-        co_return StreamConnectFailure { std::nullopt,
-            reason.isEmpty() ? u"Could not connect to the transcription server."_s : reason };
-    }
-
-    const QByteArray auth = QJsonDocument(QJsonObject { { u"type"_s, u"auth"_s }, { u"token"_s, *token } })
-                                .toJson(QJsonDocument::Compact);
-    if (!sendJSON(auth)) {
-        const QString reason = socket->errorString();
+    if (!sendAuth(*token)) {
+        const QString reason = m_socket ? m_socket->errorString() : QString();
         // Without its authentication the stream is useless: drop it rather than leave it open for stop().
-        m_socket = nullptr;
-        socket->abort();
-        socket->deleteLater();
+        if (QWebSocket* socket = std::exchange(m_socket, nullptr)) {
+            socket->abort();
+            socket->deleteLater();
+        }
         co_return StreamConnectFailure { std::nullopt,
             reason.isEmpty() ? u"Could not reach the transcription server."_s : reason };
     }
     startReceiving();
     co_return std::nullopt;
+}
+
+QUrl TranscriptionService::streamURL()
+{
+    const QUrl url(streamAddress(AppConfig::apiBaseURL()), QUrl::StrictMode);
+    if (!url.isValid()) {
+        // The address comes from the build's own information file; a broken one is a packaging bug.
+        qFatal("The stream address built from the API base is not a valid URL");
+    }
+    return url;
+}
+
+QCoro::Task<std::optional<QString>> TranscriptionService::open(const QUrl& url)
+{
+    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    m_socket = socket;
+    // Whichever comes first settles the handshake: success, a failure, a close, or
+    // cancel(). Waiting on the socket alone would never end for a cancelled handshake.
+    m_handshaking = true;
+    const auto settle = [this] {
+        if (!std::exchange(m_handshaking, false))
+            return;
+        Q_EMIT handshakeSettled();
+    };
+    const std::array watches { QObject::connect(socket, &QWebSocket::connected, this, settle),
+        QObject::connect(socket, &QWebSocket::disconnected, this, settle),
+        QObject::connect(socket, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this, settle) };
+    socket->open(url);
+    if (m_handshaking)
+        co_await qCoro(this, &TranscriptionService::handshakeSettled);
+    for (const QMetaObject::Connection& watch : watches)
+        QObject::disconnect(watch);
+
+    if (!m_cancelled && m_socket == socket && socket->isValid())
+        co_return std::nullopt;
+    const QString reason = m_cancelled ? cancelled().description : socket->errorString();
+    if (m_socket == socket)
+        m_socket = nullptr;
+    socket->abort();
+    socket->deleteLater();
+    co_return reason.isEmpty() ? u"Could not connect to the transcription server."_s : reason;
+}
+
+bool TranscriptionService::sendAuth(const QString& token)
+{
+    return sendJSON(
+        QJsonDocument(QJsonObject { { u"type"_s, u"auth"_s }, { u"token"_s, token } }).toJson(QJsonDocument::Compact));
 }
 
 bool TranscriptionService::sendJSON(const QByteArray& json)
@@ -131,22 +166,42 @@ bool TranscriptionService::sendJSON(const QByteArray& json)
     return m_socket->sendTextMessage(QString::fromUtf8(json)) >= 0 && m_socket->isValid();
 }
 
+void TranscriptionService::sendStreamMessage(const QByteArray& json)
+{
+    if (m_reconnecting || (m_keepingReplay && !m_retriedToken))
+        m_replay.append(json);
+    if (m_reconnecting)
+        return; // goes out with the replay
+    sendJSON(json);
+}
+
 void TranscriptionService::sendAudio(std::span<const qint16> samples)
 {
     if (samples.empty())
         return;
-    sendJSON(audioMessage(samples));
+    sendStreamMessage(audioMessage(samples));
 }
 
 void TranscriptionService::stop()
 {
-    if (!m_socket)
+    if (!m_socket && !m_reconnecting)
         return;
-    sendJSON(QByteArrayLiteral(R"({"type":"stop"})"));
+    m_stopSent = true;
+    sendStreamMessage(QByteArrayLiteral(R"({"type":"stop"})"));
 }
 
 void TranscriptionService::cancel()
 {
+    m_cancelled = true;
+    if (m_handshaking) {
+        // A handshake that never completes would keep connect() waiting for good: drop
+        // the connection and let the waiting code go on.
+        if (QWebSocket* socket = std::exchange(m_socket, nullptr))
+            socket->abort();
+        if (std::exchange(m_handshaking, false))
+            Q_EMIT handshakeSettled();
+        return;
+    }
     if (!m_socket)
         return;
     QWebSocket* socket = m_socket;
@@ -160,16 +215,26 @@ void TranscriptionService::startReceiving()
     QWebSocket* socket = m_socket;
     QObject::connect(socket, &QWebSocket::textMessageReceived, this,
         [this](const QString& message) { handleMessage(message.toUtf8()); });
-    QObject::connect(socket, &QWebSocket::binaryMessageReceived, this, &TranscriptionService::handleMessage);
+    QObject::connect(socket, &QWebSocket::binaryMessageReceived, this, [this](const QByteArray& message) {
+        if (!QUtf8StringView(message).isValidUtf8()) {
+            // Decode what can be decoded: a final with one broken character still carries the rest.
+            Log::write(Log::Symbol::Warning,
+                u"the server sent a binary frame that is not valid UTF-8 (%1 bytes); "
+                u"its broken sequences are read as U+FFFD"_s.arg(message.size()));
+            handleMessage(QString::fromUtf8(message).toUtf8());
+            return;
+        }
+        handleMessage(message);
+    });
     QObject::connect(socket, &QWebSocket::disconnected, this, [this, socket] {
         socket->deleteLater();
         if (m_socket == socket)
             m_socket = nullptr;
-        endStream();
+        endStream(socket->closeCode() == QWebSocketProtocol::CloseCodeNormal);
     });
 }
 
-void TranscriptionService::endStream()
+void TranscriptionService::endStream(bool closedNormally)
 {
     if (m_ended)
         return;
@@ -179,11 +244,60 @@ void TranscriptionService::endStream()
     TranscriptionDelegate* target = delegate();
     if (!target)
         return;
-    if (m_gotAnyResponse)
+    // After the stop message a normal close with nothing before it is a transcript with
+    // no words in it, not a backend that never answered.
+    if (m_gotAnyResponse || (m_stopSent && closedNormally))
         target->transcriptionDidEnd();
     else
         target->transcriptionDidFail(
             u"Connection closed before any response. Check backend or token."_s, u"WS_CLOSED"_s);
+}
+
+QCoro::Task<> TranscriptionService::reconnectWithFreshToken(QString message, QString code)
+{
+    QPointer<TranscriptionService> self(this);
+    m_reconnecting = true;
+    if (QWebSocket* old = std::exchange(m_socket, nullptr)) {
+        old->disconnect(this);
+        old->close(QWebSocketProtocol::CloseCodeNormal);
+        old->deleteLater();
+    }
+    Log::write(Log::Symbol::Warning, u"the stream refused the access token as expired: renewing it and reconnecting"_s);
+    const std::optional<QString> token = co_await KeychainHelper::performRefresh();
+    if (!self)
+        co_return;
+    std::optional<QString> failure;
+    if (m_cancelled)
+        failure = cancelled().description;
+    else if (!token)
+        failure = u"the token could not be renewed"_s;
+    else
+        failure = co_await open(streamURL());
+    if (!self)
+        co_return;
+    if (!failure && !sendAuth(*token))
+        failure = u"the authentication could not be sent"_s;
+    m_reconnecting = false;
+    if (failure) {
+        if (QWebSocket* socket = std::exchange(m_socket, nullptr)) {
+            socket->abort();
+            socket->deleteLater();
+        }
+        if (m_cancelled)
+            co_return;
+        Log::write(Log::Symbol::Failure, u"reconnecting the stream failed: "_s + *failure);
+        m_sawError = true;
+        m_ended = true;
+        if (TranscriptionDelegate* target = delegate())
+            target->transcriptionDidFail(message, code);
+        co_return;
+    }
+    startReceiving();
+    for (const QByteArray& json : std::as_const(m_replay))
+        sendJSON(json);
+    Log::write(Log::Symbol::Success,
+        u"stream reconnected with a renewed token; %1 messages sent again"_s.arg(m_replay.size()));
+    m_replay.clear();
 }
 
 void TranscriptionService::handleMessage(const QByteArray& data)
@@ -200,6 +314,9 @@ void TranscriptionService::handleMessage(const QByteArray& data)
 
     const QString kind = type.toString();
     if (kind == QLatin1StringView("partial") || kind == QLatin1StringView("final")) {
+        // The backend took the token: nothing will need sending again.
+        m_keepingReplay = false;
+        m_replay.clear();
         const QJsonValue text = object.value(QLatin1StringView("text"));
         TranscriptionDelegate* target = delegate();
         if (!text.isString() || !target)
@@ -209,12 +326,22 @@ void TranscriptionService::handleMessage(const QByteArray& data)
         else
             target->transcriptionDidReceiveFinal(text.toString());
     } else if (kind == QLatin1StringView("error")) {
-        m_sawError = true;
         const QJsonValue code = object.value(QLatin1StringView("code"));
         const QJsonValue message = object.value(QLatin1StringView("message"));
-        if (TranscriptionDelegate* target = delegate()) {
-            target->transcriptionDidFail(message.isString() ? message.toString() : u"Unknown error"_s,
-                code.isString() ? code.toString() : u"UNKNOWN"_s);
+        const QString failure = message.isString() ? message.toString() : u"Unknown error"_s;
+        const QString failureCode = code.isString() ? code.toString() : u"UNKNOWN"_s;
+        // A clock behind the backend's makes a fresh token look expired to it: renew the
+        // token once and start over, before any words came back.
+        // Only a stream that is open can be opened again (a message handed in by other
+        // means is reported as it is).
+        if (failureCode == QLatin1StringView("TOKEN_EXPIRED") && !m_retriedToken && m_keepingReplay && m_socket
+            && !m_cancelled) {
+            m_retriedToken = true;
+            reconnectWithFreshToken(failure, failureCode);
+            return;
         }
+        m_sawError = true;
+        if (TranscriptionDelegate* target = delegate())
+            target->transcriptionDidFail(failure, failureCode);
     }
 }

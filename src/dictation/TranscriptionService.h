@@ -3,6 +3,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QUrl>
 
 #include <QCoroTask>
 
@@ -92,7 +93,8 @@ public:
     void sendAudio(std::span<const qint16> samples) override;
     // Queues the stop message; nothing is sent while no socket exists.
     void stop() override;
-    // Closes the stream from this side with code 1000 and forgets the socket.
+    // Closes the stream from this side with code 1000 and forgets the socket. During the
+    // opening handshake the connection is dropped at once, and connect() returns.
     void cancel() override;
 
     // True while a socket exists (connect() made one and cancel() has not dropped it).
@@ -107,10 +109,24 @@ public:
     // Handles one server message (a text frame's bytes or a binary frame).
     void handleMessage(const QByteArray& data);
 
+Q_SIGNALS:
+    // The opening handshake under way succeeded, failed or was given up.
+    void handshakeSettled();
+
 private:
+    static QUrl streamURL();
+    // Opens a socket to url and waits for the handshake; the failure in words, or nothing.
+    QCoro::Task<std::optional<QString>> open(const QUrl& url);
+    bool sendAuth(const QString& token);
     bool sendJSON(const QByteArray& json);
+    // Sends a message that belongs to the utterance (audio, stop): kept for a reconnection
+    // until the backend has shown that it accepted the token.
+    void sendStreamMessage(const QByteArray& json);
     void startReceiving();
-    void endStream();
+    void endStream(bool closedNormally);
+    // The backend refused the token as expired: renew it once and open the stream again,
+    // replaying what was sent. The original failure is reported when that is not possible.
+    QCoro::Task<> reconnectWithFreshToken(QString message, QString code);
     TranscriptionDelegate* delegate() const;
 
     QPointer<QWebSocket> m_socket;
@@ -119,4 +135,13 @@ private:
     bool m_gotAnyResponse = false;
     bool m_sawError = false;
     bool m_ended = false;
+    bool m_cancelled = false;
+    bool m_handshaking = false;
+    bool m_stopSent = false;
+    bool m_retriedToken = false;
+    bool m_reconnecting = false;
+    // Audio and stop messages sent since the authentication, until the first transcript
+    // message shows that the backend took the token; replayed after a reconnection.
+    QList<QByteArray> m_replay;
+    bool m_keepingReplay = true;
 };

@@ -37,6 +37,9 @@ public:
     // Called on the input's own thread, once per buffer, never twice at the same time;
     // the last calls, from stop(), come on the thread that stops the input.
     using BufferHandler = std::function<void(const AudioFrames&)>;
+    // Called at most once, on the input's own thread, when the source or the sound server
+    // goes away while buffers are being delivered; no buffer follows it.
+    using LossHandler = std::function<void(const AudioInputFailure&)>;
 
     virtual ~AudioInput() = default;
 
@@ -45,6 +48,9 @@ public:
     virtual std::variant<AudioFormat, AudioInputFailure> inputFormat() = 0;
     // Starts delivering buffers of framesPerBuffer frames in inputFormat() to handler.
     virtual std::optional<AudioInputFailure> start(quint32 framesPerBuffer, BufferHandler handler) = 0;
+    // Whom to tell when the source is lost after start(); set before start(). An input that
+    // cannot lose its source (a file, a test's samples) keeps the default, which ignores it.
+    virtual void setLossHandler(LossHandler handler) { static_cast<void>(handler); }
     // Ends delivery. Everything captured so far that the handler has not had yet goes
     // to it first, on the calling thread, the last buffer shorter than framesPerBuffer
     // if that is all there is; on return the handler is neither running nor called

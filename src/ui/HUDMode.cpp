@@ -1,9 +1,10 @@
 #include "ui/HUDMode.h"
 
-HUDMode HUDMode::tonePicker(ToneHandler onSelect)
+HUDMode HUDMode::tonePicker(ToneHandler onSelect, DismissHandler onDismiss)
 {
     HUDMode mode(Kind::tonePicker);
     mode.m_onSelect = std::move(onSelect);
+    mode.m_onDismiss = std::move(onDismiss);
     return mode;
 }
 

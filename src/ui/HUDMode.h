@@ -20,11 +20,13 @@ public:
     Q_ENUM(Kind)
 
     using ToneHandler = std::function<void(Tone)>;
+    using DismissHandler = std::function<void()>;
 
     static HUDMode dictating() { return HUDMode(Kind::dictating); }
     static HUDMode tone() { return HUDMode(Kind::tone); }
     static HUDMode cleaning() { return HUDMode(Kind::cleaning); }
-    static HUDMode tonePicker(ToneHandler onSelect);
+    // onDismiss: the picker's close control was used; without one the picker has none.
+    static HUDMode tonePicker(ToneHandler onSelect, DismissHandler onDismiss = {});
     static HUDMode rewriting(Tone tone);
     static HUDMode success(std::optional<Tone> tone = std::nullopt);
     static HUDMode error(QString message);
@@ -36,6 +38,8 @@ public:
     const QString& message() const { return m_message; }
     // The tone picker's selection handler; empty for every other case.
     const ToneHandler& toneHandler() const { return m_onSelect; }
+    // The tone picker's close handler; empty for every other case.
+    const DismissHandler& dismissHandler() const { return m_onDismiss; }
 
     // Not structural: a tonePicker equals nothing, not even itself, since its handler
     // cannot be compared; so assigning one always counts as a change.
@@ -50,6 +54,7 @@ private:
     std::optional<Tone> m_tone;
     QString m_message;
     ToneHandler m_onSelect;
+    DismissHandler m_onDismiss;
 };
 
 Q_DECLARE_METATYPE(HUDMode)

@@ -25,4 +25,6 @@ public:
     // Shows success (with the tone of a rewrite) and fades the capsule out 1.2 s later.
     // The text is not shown.
     virtual void showSuccess(const QString& text, std::optional<Tone> tone) = 0;
+    // Fades the capsule out now (a dictation given up, a tone picker closed).
+    virtual void dismiss() = 0;
 };

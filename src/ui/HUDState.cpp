@@ -34,6 +34,21 @@ QStringList HUDState::toneLabels() const
     return labels;
 }
 
+void HUDState::dismissTonePicker()
+{
+    if (m_mode.kind() != HUDMode::Kind::tonePicker)
+        return;
+    // Copied first, as in selectTone().
+    const HUDMode::DismissHandler handler = m_mode.dismissHandler();
+    if (handler)
+        handler();
+}
+
+bool HUDState::canDismissTonePicker() const
+{
+    return m_mode.kind() == HUDMode::Kind::tonePicker && bool(m_mode.dismissHandler());
+}
+
 void HUDState::selectTone(int index)
 {
     if (m_mode.kind() != HUDMode::Kind::tonePicker || index < 0 || index >= int(Tones::allCases.size()))

@@ -22,6 +22,7 @@ class HUDState : public QObject
     Q_PROPERTY(QString message READ message NOTIFY modeChanged)
     Q_PROPERTY(QString partialText READ partialText WRITE setPartialText NOTIFY partialTextChanged)
     Q_PROPERTY(QStringList toneLabels READ toneLabels CONSTANT)
+    Q_PROPERTY(bool canDismissTonePicker READ canDismissTonePicker NOTIFY modeChanged)
 
 public:
     explicit HUDState(QObject* parent = nullptr);
@@ -42,6 +43,11 @@ public:
     // The tone picker's button at this index (picker order) was pressed. Calls the
     // handler of the current tonePicker mode; does nothing in any other mode.
     Q_INVOKABLE void selectTone(int index);
+    // The tone picker's close control was used. Calls the handler of the current
+    // tonePicker mode; does nothing in any other mode.
+    Q_INVOKABLE void dismissTonePicker();
+    // Whether the current mode is a tone picker that can be closed.
+    bool canDismissTonePicker() const;
 
     // Whether observers hear of a change from old to new.
     static bool shouldNotifyObservers(const HUDMode& oldMode, const HUDMode& newMode) { return !(oldMode == newMode); }

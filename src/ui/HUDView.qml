@@ -106,6 +106,8 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 WaveformView {
                     anchors.centerIn: parent
+                    Accessible.role: Accessible.Animation
+                    Accessible.name: "Microphone listening"
                 }
             }
             Text {
@@ -119,7 +121,10 @@ Item {
                 color: hasPartial ? root.primaryColor : root.secondaryColor
                 wrapMode: Text.Wrap
                 maximumLineCount: 2
-                // The newest words stay in view; the beginning gives way.
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
+                // The newest words stay in view; the beginning gives way. TextFit looks at
+                // the end of the partial only, however long it has grown.
                 text: hasPartial ? TextFit.elideHead(root.hudState.partialText, font, availableWidth, 2)
                                  : (root.hudState.kind === HUDMode.Kind.tone ? "Speak for tone rewrite…" : "Listening…")
             }
@@ -133,12 +138,16 @@ Item {
             Spinner {
                 anchors.verticalCenter: parent.verticalCenter
                 scale: 0.7
+                Accessible.role: Accessible.Animation
+                Accessible.name: "Working"
             }
             Text {
                 objectName: "hudText"
                 anchors.verticalCenter: parent.verticalCenter
                 font.pixelSize: 14
                 color: root.secondaryColor
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
                 text: root.hudState.kind === HUDMode.Kind.rewriting ? "Rewriting in " + root.hudState.toneLabel + "…"
                                                                : "Cleaning…"
             }
@@ -154,12 +163,16 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 source: "icons/checkmark-circle.svg"
                 sourceSize: Qt.size(18, 18)
+                Accessible.role: Accessible.Graphic
+                Accessible.name: "Done"
             }
             Text {
                 objectName: "hudText"
                 anchors.verticalCenter: parent.verticalCenter
                 font.pixelSize: 14
                 color: root.primaryColor
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
                 text: root.hudState.toneLabel.length > 0 ? "Rewritten in " + root.hudState.toneLabel : "Inserted"
             }
         }
@@ -175,6 +188,8 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 source: "icons/warning-triangle.svg"
                 sourceSize: Qt.size(18, 18)
+                Accessible.role: Accessible.Graphic
+                Accessible.name: "Error"
             }
             Text {
                 objectName: "hudText"
@@ -185,6 +200,8 @@ Item {
                 wrapMode: Text.Wrap
                 maximumLineCount: 2
                 elide: Text.ElideRight
+                Accessible.role: Accessible.AlertMessage
+                Accessible.name: text
                 text: root.hudState.message
             }
         }

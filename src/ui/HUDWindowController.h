@@ -49,7 +49,7 @@ public:
     void showSuccess(const QString& text, std::optional<Tone> tone) override;
 
     // Fades the window out, then hides it; it stays for the next show().
-    void dismiss();
+    void dismiss() override;
     // Moves the window to the bottom centre of the screen under the pointer.
     void positionAtBottom();
 

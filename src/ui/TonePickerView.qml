@@ -11,10 +11,53 @@ Column {
 
     spacing: 8
 
-    Text {
-        text: "Choose tone"
-        font.pixelSize: 11
-        color: "#6e6e73"
+    Item {
+        width: picker.width
+        height: Math.max(title.implicitHeight, closeButton.height)
+
+        Text {
+            id: title
+            objectName: "toneTitle"
+            anchors.verticalCenter: parent.verticalCenter
+            text: "Choose tone"
+            font.pixelSize: 11
+            color: "#6e6e73"
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
+        }
+
+        // Closes the picker without a tone; the transcript is in the history already.
+        Rectangle {
+            id: closeButton
+            objectName: "toneCloseButton"
+            visible: picker.hudState.canDismissTonePicker
+            anchors.right: parent.right
+            anchors.verticalCenter: parent.verticalCenter
+            width: 18
+            height: 18
+            radius: 9
+            color: closeArea.pressed ? "#d1d1d6" : (closeArea.containsMouse ? "#ececf0" : "transparent")
+
+            Accessible.role: Accessible.Button
+            Accessible.name: "Close"
+            Accessible.description: "Close the tone picker without rewriting"
+            Accessible.onPressAction: picker.hudState.dismissTonePicker()
+
+            Text {
+                anchors.centerIn: parent
+                text: "\u2715"
+                font.pixelSize: 11
+                color: "#6e6e73"
+                Accessible.ignored: true
+            }
+
+            MouseArea {
+                id: closeArea
+                anchors.fill: parent
+                hoverEnabled: true
+                onClicked: picker.hudState.dismissTonePicker()
+            }
+        }
     }
 
     Grid {
@@ -39,6 +82,11 @@ Column {
                 border.width: 1
                 border.color: "#b0b0b8"
 
+                Accessible.role: Accessible.Button
+                Accessible.name: button.modelData
+                Accessible.description: "Rewrite in this tone"
+                Accessible.onPressAction: picker.hudState.selectTone(button.index)
+
                 Text {
                     anchors.centerIn: parent
                     width: parent.width - 8
@@ -47,6 +95,7 @@ Column {
                     font.pixelSize: 11
                     color: "#1d1d1f"
                     text: button.modelData
+                    Accessible.ignored: true
                 }
 
                 MouseArea {

@@ -35,6 +35,40 @@ public:
     void cancel() override { }
 };
 
+// A stream that connects and, once asked to finish, hands over one final and ends.
+class OneFinalStream : public TranscriptionStream
+{
+public:
+    void setDelegate(QObject* owner, TranscriptionDelegate* delegate) override
+    {
+        m_owner = owner;
+        m_delegate = delegate;
+    }
+    QCoro::Task<std::optional<StreamConnectFailure>> connect() override { co_return std::nullopt; }
+    void sendAudio(std::span<const qint16>) override { }
+    void stop() override
+    {
+        if (!m_owner)
+            return;
+        m_delegate->transcriptionDidReceiveFinal(u"hello world"_s);
+        m_delegate->transcriptionDidEnd();
+    }
+    void cancel() override { }
+
+private:
+    QPointer<QObject> m_owner;
+    TranscriptionDelegate* m_delegate = nullptr;
+};
+
+// A microphone that starts and hears nothing: the stream above makes up the words.
+class SilentCapture : public AudioCapture
+{
+public:
+    void setDelegate(std::weak_ptr<AudioCaptureDelegate>) override { }
+    std::optional<CaptureStartFailure> start() override { return std::nullopt; }
+    void stop() override { }
+};
+
 class QuietHUD : public HUDPresenter
 {
 public:
@@ -49,6 +83,7 @@ public:
         m_state.setMode(HUDMode::error(message));
     }
     void showSuccess(const QString&, std::optional<Tone> tone) override { m_state.setMode(HUDMode::success(tone)); }
+    void dismiss() override { }
 
 private:
     QStringList& m_shown;
@@ -86,10 +121,27 @@ private:
     QStringList m_errorsShown;
     MemorySecretStore* m_store = nullptr;
 
+    bool m_streamsConnect = false;
+    QStringList m_inserted;
+    QStringList m_history;
+
     DictationEnvironment environment()
     {
         ++m_sessionsMade;
         DictationEnvironment env;
+        if (m_streamsConnect) {
+            env.makeStream = [] { return std::make_unique<OneFinalStream>(); };
+            env.makeCapture = [] { return std::make_unique<SilentCapture>(); };
+            env.addToHistory = [this](const QString& text) { m_history << text; };
+            env.insert = [this](const QString& text) { m_inserted << text; };
+            env.makeHUD = [this] { return std::make_unique<QuietHUD>(m_errorsShown); };
+            env.cleanup
+                = [](const QString& text) -> QCoro::Task<std::optional<QString>> { co_return u"Cleaned: "_s + text; };
+            env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+            env.apiBaseURL = [] { return u"http://127.0.0.1:9"_s; };
+            env.timings.successLinger = 100ms;
+            return env;
+        }
         env.makeStream = [] { return std::make_unique<RefusedStream>(); };
         env.makeCapture = []() -> std::unique_ptr<AudioCapture> { return nullptr; };
         env.makeHUD = [this] { return std::make_unique<QuietHUD>(m_errorsShown); };
@@ -124,6 +176,9 @@ private Q_SLOTS:
         QSettings().remove(OnboardingState::completeKey);
         m_sessionsMade = 0;
         m_errorsShown.clear();
+        m_streamsConnect = false;
+        m_inserted.clear();
+        m_history.clear();
     }
     void cleanup() { KeychainHelper::setStore(nullptr); }
 
@@ -259,6 +314,8 @@ private Q_SLOTS:
         QVERIFY(lines.contains(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s));
         QCOMPARE(lines.count(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s), 3);
         QVERIFY(lines.contains(u"🛑 [Quillet] hotkeyEnded"_s));
+        // The refusal says why.
+        QCOMPARE(lines.count(u"⚠️ [Quillet] key press ignored: the previous dictation is still finishing"_s), 1);
         QTRY_VERIFY(!delegate->hasDictationSession());
     }
 
@@ -279,6 +336,31 @@ private Q_SLOTS:
         QTRY_VERIFY(!delegate->hasDictationSession());
         QCOMPARE(m_errorsShown,
             (QStringList { u"Sign in to Quillet to use dictation."_s, u"Sign in to Quillet to use dictation."_s }));
+    }
+
+    // A tone picker left unanswered does not hold the hotkey hostage: the next press
+    // inserts the cleaned-up text and starts nothing new.
+    void aPressWhileTheTonePickerWaitsInsertsTheCleanedText()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        m_streamsConnect = true;
+        SingleInstance instance;
+        auto delegate = launched(instance);
+        StdoutCapture out;
+        delegate->hotkeyBegan(true);
+        QTRY_VERIFY(delegate->hasDictationSession());
+        delegate->hotkeyEnded();
+        QTRY_VERIFY(delegate->dictationSession()->awaitingTone());
+        QCOMPARE(m_history, QStringList { u"hello world"_s }); // kept before any choice
+        QVERIFY(m_inserted.isEmpty());
+
+        delegate->hotkeyBegan(false);
+        QTRY_COMPARE(m_inserted, QStringList { u"Cleaned: hello world"_s });
+        delegate->hotkeyEnded();
+        QCOMPARE(m_sessionsMade, 1);
+        QCOMPARE(m_history, (QStringList { u"hello world"_s, u"Cleaned: hello world"_s }));
+        QVERIFY(out.lines().contains(u"🔑 [Quillet] tone picker skipped by the key: inserting the cleaned-up text"_s));
+        QTRY_VERIFY(!delegate->hasDictationSession());
     }
 
     void aReleaseWithoutADictationDoesNothing()

@@ -159,7 +159,8 @@ private Q_SLOTS:
         // The capsule now offers the tones: click the first, "Professional", as a user would.
         std::optional<QRect> capsule;
         QVERIFY(QTest::qWaitFor([&] { return (capsule = visibleCapsule()).has_value() && capsule->height() > 56; }));
-        const QPoint professional = capsule->topLeft() + QPoint(16 + 46, 12 + 14 + 8 + 11);
+        // Padding, the header row (title and close control, 18 high), spacing, half a button.
+        const QPoint professional = capsule->topLeft() + QPoint(16 + 46, 12 + 18 + 8 + 11);
         QVERIFY(xdotool({ u"mousemove"_s, QString::number(professional.x()), QString::number(professional.y()),
             u"click"_s, u"1"_s }));
 

@@ -25,6 +25,13 @@ public:
         m_threads.push_back(std::this_thread::get_id());
     }
 
+    void audioCaptureWasLost(const QString& reason) override
+    {
+        const std::lock_guard lock(m_mutex);
+        m_losses.append(reason);
+        m_threads.push_back(std::this_thread::get_id());
+    }
+
     std::vector<Pcm16Buffer> buffers() const
     {
         const std::lock_guard lock(m_mutex);
@@ -34,6 +41,11 @@ public:
     {
         const std::lock_guard lock(m_mutex);
         return m_failures;
+    }
+    QStringList losses() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_losses;
     }
     std::vector<std::thread::id> threads() const
     {
@@ -50,5 +62,6 @@ private:
     mutable std::mutex m_mutex;
     std::vector<Pcm16Buffer> m_buffers;
     QStringList m_failures;
+    QStringList m_losses;
     std::vector<std::thread::id> m_threads;
 };

@@ -1,6 +1,13 @@
 #include "AudioAnalysis.h"
+#include "MemorySecretStore.h"
 #include "RecordingCaptureDelegate.h"
+#include "ScriptedStreamServer.h"
+#include "TestInfoFile.h"
+#include "TestTokens.h"
 #include "dictation/AudioCaptureManager.h"
+#include "dictation/DictationSession.h"
+#include "services/KeychainHelper.h"
+#include "ui/HUDState.h"
 
 #include <QFile>
 #include <QProcess>
@@ -12,6 +19,33 @@
 #include <thread>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+// The capsule of a dictation that runs with the real microphone and stream: what it was told.
+class RecordingHUD : public HUDPresenter
+{
+public:
+    explicit RecordingHUD(QStringList& errors)
+        : m_errors(errors)
+    { }
+    HUDState& hudState() override { return m_state; }
+    void show(const HUDMode& mode) override { m_state.setMode(mode); }
+    void showError(const QString& message) override
+    {
+        m_errors << message;
+        m_state.setMode(HUDMode::error(message));
+    }
+    void showSuccess(const QString&, std::optional<Tone> tone) override { m_state.setMode(HUDMode::success(tone)); }
+    void dismiss() override { }
+
+private:
+    QStringList& m_errors;
+    HUDState m_state;
+};
+
+} // namespace
 
 // The whole capture against the session's PulseAudio: speech played into a null sink
 // reaches us through a virtual source on its monitor, which is made the default.
@@ -26,6 +60,8 @@ private Q_SLOTS:
     void theEndOfTheUtteranceIsKept();
     void followsTheDefaultSourceWhenItChanges();
     void aMonitorAsDefaultIsNoMicrophone();
+    void aMicrophoneThatVanishesIsReported();
+    void aDictationWhoseMicrophoneVanishesKeepsWhatWasHeard();
     void cleanupTestCase();
 
 private:
@@ -303,6 +339,87 @@ void TestCapturePulse::aMonitorAsDefaultIsNoMicrophone()
     QCOMPARE(failure->error, std::nullopt);
     QCOMPARE(failure->description, u"No microphone was found; connect one or choose one in the sound settings."_s);
     capture.stop();
+    setDefaultSource(qEnvironmentVariable("QUILLET_MIC_SOURCE"));
+}
+
+void TestCapturePulse::aMicrophoneThatVanishesIsReported()
+{
+    // A USB microphone pulled out mid-dictation: its source module goes away.
+    const QString microphone = addMicrophone(u"vanishing"_s, 48000, 1);
+    const QString sourceModule = m_modules.last();
+    setDefaultSource(microphone);
+    auto delegate = std::make_shared<RecordingCaptureDelegate>();
+    AudioCaptureManager capture;
+    capture.setDelegate(delegate);
+    QCOMPARE(capture.start(), std::nullopt);
+    QTRY_VERIFY(delegate->buffers().size() >= 2); // the null sink's monitor runs in real time
+    QVERIFY(delegate->losses().isEmpty());
+
+    run(u"pactl"_s, { u"unload-module"_s, sourceModule });
+    m_modules.removeAll(sourceModule);
+    QTRY_COMPARE(delegate->losses(), QStringList { u"the microphone's source went away"_s });
+    // Nothing follows the loss, and stopping afterwards is quiet.
+    const size_t calls = delegate->calls();
+    QTest::qWait(200);
+    QCOMPARE(delegate->calls(), calls);
+    capture.stop();
+    QCOMPARE(delegate->losses().size(), 1);
+    setDefaultSource(qEnvironmentVariable("QUILLET_MIC_SOURCE"));
+}
+
+void TestCapturePulse::aDictationWhoseMicrophoneVanishesKeepsWhatWasHeard()
+{
+    // The backend has heard "hello there" when the microphone goes; asked to finish, it
+    // sends the rest and closes.
+    ScriptedStreamServer backend;
+    backend.script = { ScriptedStreamServer::text("{\"type\":\"final\",\"text\":\"hello there\"}"),
+        ScriptedStreamServer::waitForStop(), ScriptedStreamServer::text("{\"type\":\"final\",\"text\":\"general\"}"),
+        ScriptedStreamServer::close() };
+    TestInfoFile info(QJsonObject { { u"API_BASE_URL"_s, backend.apiBase() } });
+    auto store = std::make_unique<MemorySecretStore>();
+    store->items.insert(KeychainHelper::accessTokenKey, TestTokens::expiringIn(900).toUtf8());
+    KeychainHelper::setStore(std::move(store));
+
+    const QString microphone = addMicrophone(u"unplugged"_s, 48000, 1);
+    const QString sourceModule = m_modules.last();
+    setDefaultSource(microphone);
+
+    QStringList errors;
+    QStringList history;
+    QStringList inserted;
+    HUDState* state = nullptr;
+    DictationEnvironment env;
+    env.makeStream = [] { return std::make_unique<TranscriptionService>(); };
+    env.makeCapture = [] { return std::make_unique<AudioCaptureManager>(); };
+    env.makeHUD = [&] {
+        auto hud = std::make_unique<RecordingHUD>(errors);
+        state = &hud->hudState();
+        return hud;
+    };
+    env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+    env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+    env.addToHistory = [&](const QString& text) { history << text; };
+    env.insert = [&](const QString& text) { inserted << text; };
+    env.apiBaseURL = [&] { return backend.apiBase(); };
+    env.timings = { 5000ms, 5000ms, 200ms, 200ms };
+    int completions = 0;
+    auto session = DictationSession::create(
+        false, [&] { ++completions; }, env);
+    session->start();
+    QTRY_COMPARE(state->partialText(), u"hello there"_s);
+    QTRY_VERIFY(backend.received.size() >= 2); // audio is flowing from the microphone
+
+    run(u"pactl"_s, { u"unload-module"_s, sourceModule });
+    m_modules.removeAll(sourceModule);
+    QTRY_COMPARE(errors.value(0), u"Microphone lost. Check the sound settings."_s);
+    QTRY_COMPARE(history, QStringList { u"hello there general"_s });
+    QCOMPARE(errors.value(1), u"Microphone lost. Your words are in the history."_s);
+    QVERIFY(inserted.isEmpty());
+    session->stop(); // the key comes up afterwards: the message stays
+    QCOMPARE(state->mode(), HUDMode::error(u"Microphone lost. Your words are in the history."_s));
+    QTRY_COMPARE(completions, 1);
+    session.reset();
+    KeychainHelper::setStore(nullptr);
     setDefaultSource(qEnvironmentVariable("QUILLET_MIC_SOURCE"));
 }
 

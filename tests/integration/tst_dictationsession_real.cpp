@@ -299,7 +299,9 @@ private Q_SLOTS:
         QCOMPARE(session->hud().hudState().mode().associatedTone(), std::optional<Tone>(Tone::supportive));
         QTRY_COMPARE(HUDProbe::item(hud, u"hudText"_s)->property("text").toString(), u"Rewritten in Supportive"_s);
 
-        QCOMPARE(HistoryManager::shared().entries().size(), historyBefore + 1);
+        // The transcript went to the history when the picker showed, the rewrite after it.
+        QCOMPARE(HistoryManager::shared().entries().size(), historyBefore + 2);
+        QCOMPARE(HistoryManager::shared().entries().at(1).text, session->accumulated().trimmed());
         const std::optional<QString> inserted = newestHistoryText();
         QVERIFY(inserted);
         // The server's rule rewrite for that tone, asked for separately with the same transcript.

@@ -1,15 +1,20 @@
 #include "HttpTestServer.h"
 #include "MemorySecretStore.h"
 #include "ScriptedStreamServer.h"
+#include "StdoutCapture.h"
 #include "TestInfoFile.h"
 #include "TestNetwork.h"
 #include "TestTokens.h"
+#include "dictation/DictationSession.h"
 #include "dictation/TranscriptionService.h"
 #include "services/KeychainHelper.h"
+#include "ui/HUDState.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 
 #include <vector>
@@ -22,6 +27,137 @@ namespace {
 QByteArray j(const char* singleQuoted)
 {
     return QByteArray(singleQuoted).replace('\'', '"');
+}
+
+// Runs connect() to its end and keeps what it returned.
+QCoro::Task<> runConnect(TranscriptionService* service, std::optional<std::optional<StreamConnectFailure>>* result)
+{
+    *result = co_await service->connect();
+}
+
+// A backend that accepts connections and never says a word: the handshake hangs.
+class SilentBackend : public QTcpServer
+{
+public:
+    SilentBackend()
+    {
+        if (!listen(QHostAddress::LocalHost, 0))
+            qFatal("silent backend cannot listen");
+        QObject::connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket* socket = nextPendingConnection()) {
+                socket->setParent(this);
+                ++accepted;
+            }
+        });
+    }
+    QString apiBase() const { return u"http://127.0.0.1:"_s + QString::number(serverPort()); }
+    int accepted = 0;
+};
+
+// One port for the stream and for the token refresh, as the real backend has: requests for
+// /auth/refresh are answered here, everything else is handed to the scripted stream server.
+class FrontDoor : public QTcpServer
+{
+public:
+    FrontDoor(ScriptedStreamServer& stream, QByteArray refreshReply)
+        : m_refreshReply(std::move(refreshReply))
+    {
+        if (!listen(QHostAddress::LocalHost, 0))
+            qFatal("front door cannot listen");
+        QObject::connect(this, &QTcpServer::newConnection, this, [this, &stream] {
+            while (QTcpSocket* socket = nextPendingConnection()) {
+                socket->setParent(this);
+                QObject::connect(socket, &QTcpSocket::readyRead, this, [this, socket, &stream] {
+                    const QByteArray head = socket->peek(64 * 1024);
+                    if (!head.startsWith("POST /auth/refresh")) {
+                        socket->disconnect(this);
+                        stream.adopt(socket);
+                        return;
+                    }
+                    const qsizetype end = head.indexOf("\r\n\r\n");
+                    if (end < 0)
+                        return;
+                    const QByteArray lower = head.left(end).toLower();
+                    const qsizetype at = lower.indexOf("content-length:");
+                    const qsizetype length
+                        = at < 0 ? 0 : lower.mid(at + 15, lower.indexOf('\r', at) - at - 15).trimmed().toLongLong();
+                    if (head.size() < end + 4 + length)
+                        return;
+                    refreshBodies.append(head.mid(end + 4, length));
+                    socket->readAll();
+                    socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                        + QByteArray::number(m_refreshReply.size()) + "\r\nConnection: close\r\n\r\n" + m_refreshReply);
+                    socket->disconnectFromHost();
+                });
+            }
+        });
+    }
+    QString apiBase() const { return u"http://127.0.0.1:"_s + QString::number(serverPort()); }
+    QList<QByteArray> refreshBodies;
+
+private:
+    QByteArray m_refreshReply;
+};
+
+// What a whole dictation did, with the real stream client and a quiet capsule and microphone.
+struct SessionWorld {
+    QStringList shown;
+    QStringList history;
+    QStringList inserted;
+    int completions = 0;
+    HUDState* state = nullptr;
+};
+
+class RecordingHUD : public HUDPresenter
+{
+public:
+    explicit RecordingHUD(SessionWorld& world)
+        : m_world(world)
+    {
+        m_world.state = &m_state;
+    }
+    HUDState& hudState() override { return m_state; }
+    void show(const HUDMode& mode) override { m_state.setMode(mode); }
+    void showError(const QString& message) override
+    {
+        m_world.shown << message;
+        m_state.setMode(HUDMode::error(message));
+    }
+    void showSuccess(const QString&, std::optional<Tone> tone) override
+    {
+        m_world.shown << u"success"_s;
+        m_state.setMode(HUDMode::success(tone));
+    }
+    void dismiss() override { m_world.shown << u"dismissed"_s; }
+
+private:
+    SessionWorld& m_world;
+    HUDState m_state;
+};
+
+// A microphone that starts and hears nothing: these dictations are about the stream.
+class SilentMicrophone : public AudioCapture
+{
+public:
+    void setDelegate(std::weak_ptr<AudioCaptureDelegate>) override { }
+    std::optional<CaptureStartFailure> start() override { return std::nullopt; }
+    void stop() override { }
+};
+
+DictationEnvironment sessionEnvironment(SessionWorld& world, const QString& apiBase)
+{
+    DictationEnvironment env;
+    env.makeStream = [] { return std::make_unique<TranscriptionService>(); };
+    env.makeCapture = [] { return std::make_unique<SilentMicrophone>(); };
+    env.makeHUD = [&world] { return std::make_unique<RecordingHUD>(world); };
+    env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+    env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
+    env.addToHistory = [&world](const QString& text) { world.history << text; };
+    env.insert = [&world](const QString& text) { world.inserted << text; };
+    env.apiBaseURL = [apiBase] { return apiBase; };
+    env.timings = { std::chrono::milliseconds(400), std::chrono::milliseconds(600), std::chrono::milliseconds(100),
+        std::chrono::milliseconds(100) };
+    return env;
 }
 
 } // namespace
@@ -324,6 +460,160 @@ private Q_SLOTS:
         QVERIFY(gone.wait(5000));
         QTRY_VERIFY(!m_service->hasSocket());
         QVERIFY(m_service->gotAnyResponse()); // the message was still parsed
+    }
+
+    // A backend that accepts the connection and never answers the handshake: cancelling
+    // gives up the handshake, and connect() returns.
+    void cancelDuringAHungHandshakeEndsConnect()
+    {
+        SilentBackend silent;
+        pointConfigAt(silent.apiBase());
+        std::optional<std::optional<StreamConnectFailure>> result;
+        runConnect(m_service.get(), &result);
+        QTRY_COMPARE(silent.accepted, 1);
+        QTest::qWait(50);
+        QVERIFY(!result.has_value());
+        m_service->cancel();
+        QTRY_VERIFY_WITH_TIMEOUT(result.has_value(), 5000);
+        QVERIFY(result->has_value()); // a failure, not a stream
+        QVERIFY(!m_service->hasSocket());
+        QTest::qWait(50);
+        QVERIFY(m_delegate->calls.isEmpty());
+    }
+
+    // Each connection timeout against a hung backend used to leave its session (and its
+    // capsule) behind for good; now the session is gone once its owner lets go.
+    void sessionAgainstAHungBackendIsReleasedAfterItsTimeout()
+    {
+        SilentBackend silent;
+        pointConfigAt(silent.apiBase());
+        SessionWorld world;
+        std::shared_ptr<DictationSession> session = DictationSession::create(
+            false, [&world] { ++world.completions; }, sessionEnvironment(world, silent.apiBase()));
+        const std::weak_ptr<DictationSession> weak = session;
+        session->start();
+        QTRY_COMPARE(silent.accepted, 1);
+        QTRY_COMPARE(world.shown, QStringList { u"Connection timed out. Check your internet connection."_s });
+        QTRY_COMPARE(world.completions, 1);
+        session.reset(); // what the owner does on completion
+        QTRY_VERIFY_WITH_TIMEOUT(weak.expired(), 5000);
+    }
+
+    // The backend dies mid-dictation, after partials: they are kept in the history.
+    void sessionWhoseBackendDiesAfterPartialsKeepsThem()
+    {
+        m_server->script = { ScriptedStreamServer::text(j("{'type':'partial','text':'the quick brown fox'}")),
+            ScriptedStreamServer::text(j("{'type':'partial','text':'the quick brown fox runs away into'}")),
+            ScriptedStreamServer::abort() };
+        SessionWorld world;
+        std::shared_ptr<DictationSession> session = DictationSession::create(
+            false, [&world] { ++world.completions; }, sessionEnvironment(world, m_server->apiBase()));
+        session->start();
+        QTRY_COMPARE(world.history, QStringList { u"the quick brown fox runs away into"_s });
+        QCOMPARE(world.shown, QStringList { u"Connection lost. Your words are in the history."_s });
+        session->stop(); // the key comes up after the loss
+        QTRY_COMPARE(world.completions, 1);
+        QTest::qWait(700); // past the watchdog
+        QCOMPARE(world.shown, QStringList { u"Connection lost. Your words are in the history."_s });
+        QVERIFY(world.inserted.isEmpty());
+    }
+
+    // The backend sends its final after the stop and never closes: the watchdog inserts it.
+    void sessionWhoseBackendNeverClosesInsertsTheFinal()
+    {
+        m_server->script
+            = { ScriptedStreamServer::text(j("{'type':'partial','text':'hello'}")), ScriptedStreamServer::waitForStop(),
+                  ScriptedStreamServer::text(j("{'type':'final','text':'hello world'}")) };
+        SessionWorld world;
+        std::shared_ptr<DictationSession> session = DictationSession::create(
+            false, [&world] { ++world.completions; }, sessionEnvironment(world, m_server->apiBase()));
+        session->start();
+        QTRY_COMPARE(world.state->partialText(), u"hello"_s);
+        session->stop();
+        QTRY_COMPARE(world.state->partialText(), u"hello world"_s);
+        QTRY_COMPARE(world.inserted, QStringList { u"hello world"_s });
+        QCOMPARE(world.history, QStringList { u"hello world"_s });
+        QCOMPARE(world.shown, QStringList { u"success"_s });
+        QTRY_COMPARE(world.completions, 1);
+        QTRY_COMPARE(m_server->clientCloseCode, 1000); // and the stream was closed from this side
+    }
+
+    // Nothing said: the backend answers the stop with a normal close and no message.
+    void normalCloseAfterStopWithNoWordsIsAnEmptyTranscript()
+    {
+        m_server->script = { ScriptedStreamServer::waitForStop(), ScriptedStreamServer::close() };
+        QSignalSpy done(m_delegate.get(), &RecordingDelegate::finished);
+        QVERIFY(!QCoro::waitFor(m_service->connect()));
+        m_service->stop();
+        QVERIFY(done.wait(5000));
+        QCOMPARE(m_delegate->calls, QStringList { u"end"_s });
+    }
+
+    void finalWithInvalidUtf8IsDecodedAndLogged()
+    {
+        m_server->script = { ScriptedStreamServer::binary("{\"type\":\"final\",\"text\":\"caf\xC3\xA9 \xFF ok\"}"),
+            ScriptedStreamServer::close() };
+        StdoutCapture out;
+        connectAndRunToEnd();
+        QCOMPARE(m_delegate->calls, (QStringList { u"final:café \uFFFD ok"_s, u"end"_s }));
+        QVERIFY(
+            out.lines().contains(u"⚠️ [Quillet] the server sent a binary frame that is not valid UTF-8 (36 bytes); "
+                                 u"its broken sequences are read as U+FFFD"_s));
+    }
+
+    // A client clock behind the backend's: the first token is refused as expired; the
+    // client renews it once, connects again and sends what it had sent.
+    void expiredTokenOnTheStreamIsRenewedOnceAndTheStreamReopened()
+    {
+        const QString renewed = TestTokens::expiringIn(1800);
+        m_store->items.insert(KeychainHelper::refreshTokenKey, "refresh-1");
+        m_server->scriptsByConnection = {
+            { ScriptedStreamServer::text(j("{'type':'error','code':'TOKEN_EXPIRED','message':'Token expired.'}")),
+                ScriptedStreamServer::close(1008) },
+            { ScriptedStreamServer::waitForStop(), ScriptedStreamServer::text(j("{'type':'final','text':'hello'}")),
+                ScriptedStreamServer::close() },
+        };
+        FrontDoor door(*m_server,
+            QJsonDocument(QJsonObject { { u"access_token"_s, renewed }, { u"refresh_token"_s, u"refresh-2"_s } })
+                .toJson(QJsonDocument::Compact));
+        pointConfigAt(door.apiBase());
+        StdoutCapture out;
+        QSignalSpy done(m_delegate.get(), &RecordingDelegate::finished);
+        QVERIFY(!QCoro::waitFor(m_service->connect()));
+        m_service->sendAudio(ramp(160));
+        QTRY_COMPARE(m_server->connections, 2);
+        m_service->stop();
+        QVERIFY(done.wait(5000));
+        QCOMPARE(m_delegate->calls, (QStringList { u"final:hello"_s, u"end"_s }));
+        QCOMPARE(door.refreshBodies.size(), 1);
+        QCOMPARE(QJsonDocument::fromJson(door.refreshBodies[0]).object().value(u"refresh_token"_s).toString(),
+            u"refresh-1"_s);
+        // The second stream: the renewed token, the audio sent before, then the stop.
+        QCOMPARE(QJsonDocument::fromJson(m_server->received.first()).object().value(u"token"_s).toString(), m_token);
+        const QList<QByteArray> second = m_server->received.mid(m_server->received.size() - 3);
+        QCOMPARE(QJsonDocument::fromJson(second[0]).object().value(u"token"_s).toString(), renewed);
+        QCOMPARE(second[1], TranscriptionService::audioMessage(ramp(160)));
+        QCOMPARE(second[2], QByteArray(j("{'type':'stop'}")));
+        QCOMPARE(m_store->items.value(KeychainHelper::accessTokenKey), renewed.toUtf8());
+        QVERIFY(out.lines().contains(
+            u"⚠️ [Quillet] the stream refused the access token as expired: renewing it and reconnecting"_s));
+    }
+
+    void expiredTokenTwiceIsReported()
+    {
+        m_store->items.insert(KeychainHelper::refreshTokenKey, "refresh-1");
+        m_server->script
+            = { ScriptedStreamServer::text(j("{'type':'error','code':'TOKEN_EXPIRED','message':'Token expired.'}")),
+                  ScriptedStreamServer::close(1008) };
+        FrontDoor door(*m_server,
+            QJsonDocument(QJsonObject { { u"access_token"_s, TestTokens::expiringIn(1800) },
+                              { u"refresh_token"_s, u"refresh-2"_s } })
+                .toJson(QJsonDocument::Compact));
+        pointConfigAt(door.apiBase());
+        connectAndRunToEnd();
+        QCOMPARE(m_delegate->calls, QStringList { u"fail:TOKEN_EXPIRED:Token expired."_s });
+        QCOMPARE(door.refreshBodies.size(), 1); // once, not in a loop
+        QCOMPARE(m_server->connections, 2);
     }
 
     void serviceDestroyedMidStreamIsQuiet()

@@ -1,6 +1,9 @@
 #include "ScriptedStreamServer.h"
 
 #include <QHostAddress>
+#include <QTimer>
+
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
@@ -14,6 +17,7 @@ ScriptedStreamServer::ScriptedStreamServer(QObject* parent)
         while (QWebSocket* socket = m_server.nextPendingConnection()) {
             socket->setParent(this);
             m_clients.append(socket);
+            socket->setProperty("connectionIndex", connections);
             ++connections;
             requestPath = socket->requestUrl().path();
             connect(socket, &QWebSocket::disconnected, this, [this, socket] {
@@ -26,7 +30,9 @@ ScriptedStreamServer::ScriptedStreamServer(QObject* parent)
             connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString& message) {
                 received.append(message.toUtf8());
                 Q_EMIT messageReceived();
-                if (received.size() == 1)
+                const int messages = socket->property("messages").toInt() + 1;
+                socket->setProperty("messages", messages);
+                if (messages == 1)
                     play(socket, 0);
                 else if (message.toUtf8() == R"({"type":"stop"})" && socket->property("waitingAt").isValid())
                     play(socket, socket->property("waitingAt").toLongLong());
@@ -42,11 +48,20 @@ QString ScriptedStreamServer::apiBase() const
     return u"http://127.0.0.1:"_s + QString::number(port());
 }
 
+void ScriptedStreamServer::adopt(QTcpSocket* socket)
+{
+    m_server.handleConnection(socket);
+}
+
 void ScriptedStreamServer::play(QWebSocket* socket, qsizetype from)
 {
     socket->setProperty("waitingAt", QVariant());
-    for (qsizetype i = from; i < script.size(); ++i) {
-        const Step& step = script.at(i);
+    const qsizetype index = socket->property("connectionIndex").toLongLong();
+    const QList<Step> steps = scriptsByConnection.isEmpty()
+        ? script
+        : scriptsByConnection.at(std::min(index, scriptsByConnection.size() - 1));
+    for (qsizetype i = from; i < steps.size(); ++i) {
+        const Step& step = steps.at(i);
         switch (step.kind) {
         case Step::Text:
             socket->sendTextMessage(QString::fromUtf8(step.data));
@@ -59,6 +74,12 @@ void ScriptedStreamServer::play(QWebSocket* socket, qsizetype from)
             return;
         case Step::Wait:
             socket->setProperty("waitingAt", i + 1);
+            return;
+        case Step::Abort:
+            // What was sent reaches the client first; then the connection drops without a
+            // closing handshake (a reset right away could discard it unread).
+            socket->flush();
+            QTimer::singleShot(200, socket, [socket] { socket->abort(); });
             return;
         }
     }

@@ -3,7 +3,9 @@
 #include "HUDProbe.h"
 #include "platform/WindowCompositing.h"
 #include "ui/HUDWindowController.h"
+#include "ui/TextFit.h"
 
+#include <QAccessible>
 #include <QCursor>
 #include <QGuiApplication>
 #include <QQmlEngine>
@@ -383,6 +385,79 @@ private Q_SLOTS:
         QCOMPARE(image.size(), hud.window()->size());
         keepForViewing(image, u"tone-picker"_s);
         QVERIFY(countPixels(image, windowRect(item(hud, u"toneButton5"_s)), isInk) > 20);
+    }
+
+    // Screen readers see the capsule's controls: the tone buttons and the picker's close
+    // control are buttons named as they read, and pressing them through accessibility works.
+    void capsuleControlsHaveAccessibleRolesAndNames()
+    {
+        HUDWindowController hud(fastTiming());
+        hud.show(HUDMode::dictating());
+        QVERIFY(waitForExposed(hud));
+        std::optional<Tone> chosen;
+        int closed = 0;
+        hud.hudState().setMode(HUDMode::tonePicker([&](Tone tone) { chosen = tone; }, [&] { ++closed; }));
+        QTRY_VERIFY(item(hud, u"toneButton5"_s));
+        QTRY_VERIFY(item(hud, u"toneCloseButton"_s) && item(hud, u"toneCloseButton"_s)->isVisible());
+
+        QMap<QString, QAccessibleInterface*> buttons;
+        QStringList texts;
+        const auto walk = [&](auto&& self, QAccessibleInterface* node) -> void {
+            if (!node)
+                return;
+            if (node->role() == QAccessible::Button)
+                buttons.insert(node->text(QAccessible::Name), node);
+            if (node->role() == QAccessible::StaticText)
+                texts << node->text(QAccessible::Name);
+            for (int i = 0; i < node->childCount(); ++i)
+                self(self, node->child(i));
+        };
+        walk(walk, QAccessible::queryAccessibleInterface(hud.window()));
+        QCOMPARE(QSet<QString>(buttons.keyBegin(), buttons.keyEnd()),
+            (QSet<QString> {
+                u"Professional"_s, u"Friendly"_s, u"Funny"_s, u"Firm"_s, u"Supportive"_s, u"Concise"_s, u"Close"_s }));
+        QVERIFY(texts.contains(u"Choose tone"_s));
+
+        QAccessibleActionInterface* funny = buttons.value(u"Funny"_s)->actionInterface();
+        QVERIFY(funny);
+        QVERIFY(funny->actionNames().contains(QAccessibleActionInterface::pressAction()));
+        funny->doAction(QAccessibleActionInterface::pressAction());
+        QCOMPARE(chosen, std::optional<Tone>(Tone::funny));
+        buttons.value(u"Close"_s)->actionInterface()->doAction(QAccessibleActionInterface::pressAction());
+        QCOMPARE(closed, 1);
+
+        // An error is announced as an alert with its message.
+        hud.showError(u"Microphone lost. Your words are in the history."_s);
+        QTRY_VERIFY(item(hud, u"errorIcon"_s));
+        QStringList alerts;
+        const auto findAlerts = [&](auto&& self, QAccessibleInterface* node) -> void {
+            if (!node)
+                return;
+            if (node->role() == QAccessible::AlertMessage)
+                alerts << node->text(QAccessible::Name);
+            for (int i = 0; i < node->childCount(); ++i)
+                self(self, node->child(i));
+        };
+        findAlerts(findAlerts, QAccessible::queryAccessibleInterface(hud.window()));
+        QCOMPARE(alerts, QStringList { u"Microphone lost. Your words are in the history."_s });
+    }
+
+    // A megabyte partial (a broken or hostile backend) shows its end at once: the capsule
+    // lays out a bounded tail of it, however long it is.
+    void aHugePartialShowsItsEndInBoundedWork()
+    {
+        HUDWindowController hud(fastTiming());
+        hud.show(HUDMode::dictating());
+        QVERIFY(waitForExposed(hud));
+        const qint64 before = TextFit::charactersLaidOut();
+        hud.hudState().setPartialText(u"x"_s.repeated(1024 * 1024) + u"END"_s);
+        QQuickItem* text = item(hud, u"hudText"_s);
+        QVERIFY(text);
+        QTRY_VERIFY(text->property("text").toString().endsWith(u"END"_s));
+        const qsizetype limit = TextFit::tailLimit(254, 2);
+        QVERIFY(text->property("text").toString().size() <= limit + 1);
+        const qint64 work = TextFit::charactersLaidOut() - before;
+        QVERIFY2(work <= 100 * (limit + 1), qPrintable(QString::number(work)));
     }
 
     void successIsDismissedAfterItsDelay()

@@ -121,6 +121,7 @@ public:
         m_state.setMode(HUDMode::success(tone));
         m_journal.events << u"hud.showSuccess:"_s + text;
     }
+    void dismiss() override { m_journal.events << u"hud.dismiss"_s; }
 
     QString describe() const
     {
@@ -409,6 +410,7 @@ private Q_SLOTS:
     void keyReleasedWhileConnecting()
     {
         Fixture f;
+        StdoutCapture out;
         auto session = f.make();
         session->start();
         session->stop();
@@ -419,6 +421,10 @@ private Q_SLOTS:
         QTRY_COMPARE(f.completions, 1); // as soon as the attempt returns
         QVERIFY(f.capture == nullptr);
         QCOMPARE(f.count(u"stream.cancel"_s), 1);
+        // Said as what it is, and the close the session asked for is not reported as a failure.
+        QVERIFY(
+            out.lines().contains(u"🛑 [Quillet] key released before the stream connected: nothing was recorded"_s));
+        QVERIFY(f.stream->delegate() == nullptr);
         QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::cleaning); // nothing shown after cleaning
         QVERIFY(!f.journal.events.mid(before).contains(u"hud.showError"_s));
         // The owner lets go on completion; the armed watchdog then finds nobody.
@@ -493,7 +499,6 @@ private Q_SLOTS:
     {
         Fixture f;
         auto session = f.started();
-        session->transcriptionDidReceiveFinal(u"hello"_s);
         session->stop();
         QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Transcription timed out. Try again."_s));
         QVERIFY(session->failed());
@@ -580,6 +585,7 @@ private Q_SLOTS:
         Fixture f;
         auto session = f.started(true);
         session->transcriptionDidReceiveFinal(u"hello"_s);
+        session->stop();
         session->transcriptionDidEnd();
         const HUDMode picker = f.hud->hudState().mode();
         session.reset();
@@ -644,6 +650,250 @@ private Q_SLOTS:
         QCOMPARE(f.completions, 0);
         QVERIFY(!f.journal.events.mid(before).contains(u"hud.showError"_s));
         QVERIFY(f.serviceCalls.isEmpty());
+    }
+
+    // The backend dies while the key is held, after showing words: they go to the history.
+    void streamThatDiesAfterPartialsKeepsThemInTheHistory()
+    {
+        Fixture f;
+        StdoutCapture out;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"the quick brown fox"_s);
+        session->transcriptionDidReceivePartial(u"runs away into"_s);
+        session->transcriptionDidEnd(); // the socket closed, no stop was sent
+        QCOMPARE(f.history, QStringList { u"the quick brown fox runs away into"_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Connection lost. Your words are in the history."_s));
+        QCOMPARE(f.count(u"capture.stop"_s), 1);
+        QVERIFY(f.inserted.isEmpty());
+        QVERIFY(f.serviceCalls.isEmpty());
+        QVERIFY(out.lines().contains(u"✗ [Quillet] the stream ended while the key was still held"_s));
+        session->stop(); // the key comes up later: the message stays
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::error);
+        QTRY_COMPARE(f.completions, 1);
+        QTest::qWait(400); // past the watchdog: nothing replaces the message
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Connection lost. Your words are in the history."_s));
+        QCOMPARE(f.history.size(), 1);
+    }
+
+    void streamThatDiesAfterTheReleaseWithOnlyPartialsKeepsThem()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->transcriptionDidReceivePartial(u"the quick"_s);
+        session->transcriptionDidReceivePartial(u"the quick brown fox"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        QCOMPARE(f.history, QStringList { u"the quick brown fox"_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Connection lost. Your words are in the history."_s));
+        QVERIFY(f.inserted.isEmpty());
+    }
+
+    void streamThatDiesBeforeAnyWordSaysSo()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->transcriptionDidEnd();
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Connection to the transcription server lost."_s));
+        QVERIFY(f.history.isEmpty());
+    }
+
+    void serverErrorAfterWordsKeepsThemInTheHistory()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello"_s);
+        session->transcriptionDidReceivePartial(u"there"_s);
+        session->transcriptionDidFail(u"Decoder crashed"_s, u"INTERNAL"_s);
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Decoder crashed"_s));
+        QCOMPARE(f.history, QStringList { u"hello there"_s });
+    }
+
+    // The final arrived but the socket never closed: the watchdog goes on with it.
+    void watchdogInsertsTheReceivedFinal()
+    {
+        Fixture f;
+        StdoutCapture out;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello world"_s);
+        session->stop();
+        QTRY_COMPARE(f.inserted, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.serviceCalls.size(), 1);
+        QCOMPARE(f.serviceCalls[0].first, u"hello world"_s);
+        QCOMPARE(f.history, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::success());
+        QVERIFY(!f.journal.events.contains(u"hud.showError"_s));
+        QCOMPARE(f.count(u"stream.cancel"_s), 1);
+        QVERIFY(out.lines().contains(
+            u"⚠️ [Quillet] no end of transcript 0.3 s after the key was released: going on with the 11 chars received"_s));
+        QTRY_COMPARE(f.completions, 1);
+        session->transcriptionDidEnd(); // the late close: ignored
+        QTest::qWait(50);
+        QCOMPARE(f.inserted.size(), 1);
+    }
+
+    // The microphone goes away mid-dictation: the capsule says so, what was heard is kept.
+    void microphoneLostKeepsWhatWasHeard()
+    {
+        Fixture f;
+        StdoutCapture out;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello there"_s);
+        std::shared_ptr<AudioCaptureDelegate> delegate = f.capture->m_delegate.lock();
+        std::thread audioThread([&] { delegate->audioCaptureWasLost(u"the microphone's source went away"_s); });
+        audioThread.join();
+        QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Check the sound settings."_s));
+        QCOMPARE(f.count(u"capture.stop"_s), 1);
+        QTRY_COMPARE(f.count(u"stream.stop"_s), 1); // the backend finishes what it heard
+        QVERIFY(out.lines().contains(u"✗ [Quillet] audio capture lost: the microphone's source went away"_s));
+
+        session->transcriptionDidReceiveFinal(u"general"_s);
+        session->transcriptionDidEnd();
+        QCOMPARE(f.history, QStringList { u"hello there general"_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Your words are in the history."_s));
+        QVERIFY(f.inserted.isEmpty()); // never reported as a success
+        QVERIFY(!f.journal.events.contains(u"hud.showSuccess:hello there general"_s));
+
+        session->stop(); // the key comes up: nothing more is sent, the message stays
+        QTest::qWait(20);
+        QCOMPARE(f.count(u"stream.stop"_s), 1);
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::error);
+        QTRY_COMPARE(f.completions, 1);
+    }
+
+    void microphoneLostWithABackendThatNeverClosesStillKeepsTheWords()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello"_s);
+        f.capture->m_delegate.lock()->audioCaptureWasLost(u"the sound server went away"_s);
+        QTRY_COMPARE(f.history, QStringList { u"hello"_s }); // after the watchdog
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Your words are in the history."_s));
+        QVERIFY(f.inserted.isEmpty());
+        QTRY_COMPARE(f.completions, 1);
+    }
+
+    void microphoneLostBeforeAnyWordStaysTheMessage()
+    {
+        Fixture f;
+        auto session = f.started();
+        f.capture->m_delegate.lock()->audioCaptureWasLost(u"the sound server went away"_s);
+        QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Check the sound settings."_s));
+        QTRY_COMPARE(f.completions, 1); // the watchdog ends it, without a message of its own
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Microphone lost. Check the sound settings."_s));
+        QVERIFY(f.history.isEmpty());
+    }
+
+    // Tone mode: the words are in the history before the tone is asked for.
+    void toneModeKeepsTheTranscriptBeforeThePick()
+    {
+        Fixture f;
+        f.serviceAnswer = u"Hello, world!"_s;
+        auto session = f.started(true);
+        session->transcriptionDidReceiveFinal(u"hello world"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::tonePicker);
+        QCOMPARE(f.history, QStringList { u"hello world"_s });
+        QVERIFY(session->awaitingTone());
+        f.hud->hudState().selectTone(0);
+        QTRY_COMPARE(f.inserted, QStringList { u"Hello, world!"_s });
+        QCOMPARE(f.history, (QStringList { u"hello world"_s, u"Hello, world!"_s }));
+    }
+
+    void tonePickerCanBeClosed()
+    {
+        Fixture f;
+        StdoutCapture out;
+        auto session = f.started(true);
+        session->transcriptionDidReceiveFinal(u"hello world"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        QVERIFY(f.hud->hudState().canDismissTonePicker());
+        f.hud->hudState().dismissTonePicker();
+        QVERIFY(!session->awaitingTone());
+        QCOMPARE(f.count(u"hud.dismiss"_s), 1);
+        QTRY_COMPARE(f.completions, 1);
+        QVERIFY(f.inserted.isEmpty());
+        QVERIFY(f.serviceCalls.isEmpty());
+        QCOMPARE(f.history, QStringList { u"hello world"_s });
+        QVERIFY(out.lines().contains(
+            u"🛑 [Quillet] tone picker closed: nothing inserted, the transcript is in the history"_s));
+        f.hud->hudState().selectTone(1); // too late: the picker is gone
+        QTest::qWait(20);
+        QVERIFY(f.serviceCalls.isEmpty());
+    }
+
+    void keyPressedAgainSkipsTheToneAndInsertsTheCleanedText()
+    {
+        Fixture f;
+        auto session = f.started(true);
+        session->transcriptionDidReceiveFinal(u"hello world"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        session->skipTone();
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::cleaning);
+        QTRY_COMPARE(f.inserted, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.serviceCalls.size(), 1);
+        QCOMPARE(f.serviceCalls[0].second, std::nullopt); // a clean-up, not a rewrite
+        QCOMPARE(f.history, (QStringList { u"hello world"_s, u"Cleaned text."_s }));
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::success());
+        session->stop(); // the key's release changes nothing
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::success());
+        QTRY_COMPARE(f.completions, 1);
+    }
+
+    // No sound server: its message stays on the capsule; the stream's close adds nothing.
+    void captureFailureStaysOnTheCapsule()
+    {
+        Fixture f;
+        f.captureFailure
+            = CaptureStartFailure { std::nullopt, u"Cannot reach the sound server: Connection refused."_s };
+        StdoutCapture out;
+        auto session = f.started();
+        QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Cannot reach the sound server: Connection refused."_s));
+        QCOMPARE(f.count(u"stream.cancel"_s), 1); // nothing left to stream
+        session->stop();
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::error); // no cleaning over it
+        session->transcriptionDidFail(
+            u"Connection closed before any response. Check backend or token."_s, u"WS_CLOSED"_s);
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Cannot reach the sound server: Connection refused."_s));
+        QTest::qWait(400); // past the watchdog's time too
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Cannot reach the sound server: Connection refused."_s));
+        QCOMPARE(f.completions, 1);
+    }
+
+    void laterFailureDoesNotReplaceTheFirst()
+    {
+        Fixture f;
+        auto session = f.started();
+        session->stop();
+        QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Transcription timed out. Try again."_s));
+        session->transcriptionDidFail(
+            u"Connection closed before any response. Check backend or token."_s, u"WS_CLOSED"_s);
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Transcription timed out. Try again."_s));
+    }
+
+    // The first tap of a double tap is given up while it still connects: its capsule goes,
+    // and its connection timing out later shows nothing.
+    void anAbandonedConnectingDictationHidesItsCapsuleAndStaysQuiet()
+    {
+        Fixture f;
+        auto session = f.make();
+        session->start();
+        session->stop();
+        session->abandon();
+        QCOMPARE(f.count(u"hud.dismiss"_s), 1);
+        QCOMPARE(f.count(u"stream.cancel"_s), 1);
+        QTest::qWait(500); // past the 300 ms connection timeout
+        QVERIFY(!f.journal.events.contains(u"hud.showError"_s));
+        QCOMPARE(f.hud->hudState().kind(), HUDMode::Kind::cleaning);
+        // The attempt returning at last (its cancellation) ends the session without a word.
+        const std::weak_ptr<DictationSession> weak = session;
+        session.reset();
+        f.stream->resolve(StreamConnectFailure { std::nullopt, u"The dictation was cancelled."_s });
+        QTRY_VERIFY(weak.expired());
+        QVERIFY(!f.journal.events.contains(u"hud.showError"_s));
+        QCOMPARE(f.completions, 0);
     }
 
     void captureErrorOnlyShowsTheMessage()

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -105,14 +106,29 @@ bool PulseAudioInput::waitFor(pa_operation* operation)
     return finished;
 }
 
-void PulseAudioInput::onContextState(pa_context*, void* self)
+void PulseAudioInput::onContextState(pa_context* context, void* self)
 {
-    pa_threaded_mainloop_signal(static_cast<PulseAudioInput*>(self)->m_loop, 0);
+    auto* input = static_cast<PulseAudioInput*>(self);
+    if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context)))
+        input->reportLoss(u"the sound server went away"_s);
+    pa_threaded_mainloop_signal(input->m_loop, 0);
 }
 
-void PulseAudioInput::onStreamState(pa_stream*, void* self)
+void PulseAudioInput::onStreamState(pa_stream* stream, void* self)
 {
-    pa_threaded_mainloop_signal(static_cast<PulseAudioInput*>(self)->m_loop, 0);
+    auto* input = static_cast<PulseAudioInput*>(self);
+    if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream)))
+        input->reportLoss(u"the microphone's source went away"_s);
+    pa_threaded_mainloop_signal(input->m_loop, 0);
+}
+
+void PulseAudioInput::reportLoss(const QString& reason)
+{
+    // Only a recording under way has anything to lose; failures while starting are start()'s.
+    if (!std::exchange(m_recording, false))
+        return;
+    if (m_lossHandler)
+        m_lossHandler(AudioInputFailure { reason });
 }
 
 std::optional<AudioInputFailure> PulseAudioInput::connectToServer()
@@ -254,7 +270,11 @@ std::optional<AudioInputFailure> PulseAudioInput::start(quint32 framesPerBuffer,
     attributes.fragsize = uint32_t(pa_usec_to_bytes(fragmentUsec, &sampleFormat));
 
     std::optional<AudioInputFailure> failure;
-    if (pa_stream_connect_record(m_stream, m_sourceName.constData(), &attributes, PA_STREAM_ADJUST_LATENCY) < 0) {
+    // Not moved elsewhere when the source goes away: a dictation that silently went on
+    // from whatever source the server picked next would transcribe the wrong sound.
+    if (pa_stream_connect_record(m_stream, m_sourceName.constData(), &attributes,
+            pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE))
+        < 0) {
         failure = serverFailure(u"The microphone could not be opened: %1."_s);
     } else {
         const bool settled = waitUntil([this] {
@@ -266,12 +286,15 @@ std::optional<AudioInputFailure> PulseAudioInput::start(quint32 framesPerBuffer,
     }
     if (failure)
         disconnectStream();
+    else
+        m_recording = true;
     pa_threaded_mainloop_unlock(m_loop);
     return failure;
 }
 
 void PulseAudioInput::disconnectStream()
 {
+    m_recording = false;
     if (m_stream) {
         pa_stream_set_read_callback(m_stream, nullptr, nullptr);
         pa_stream_set_state_callback(m_stream, nullptr, nullptr);

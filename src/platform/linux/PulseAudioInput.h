@@ -31,6 +31,7 @@ public:
     std::variant<AudioFormat, AudioInputFailure> inputFormat() override;
     std::optional<AudioInputFailure> start(quint32 framesPerBuffer, BufferHandler handler) override;
     void stop() override;
+    void setLossHandler(LossHandler handler) override { m_lossHandler = std::move(handler); }
 
     // The name of the source inputFormat() found, for diagnostics and tests.
     QByteArray sourceName() const { return m_sourceName; }
@@ -65,7 +66,12 @@ private:
     pa_sample_spec m_sourceSpec {};
     pa_channel_map m_sourceMap {};
 
+    // The stream or the server went away while we were recording: tell the owner once.
+    void reportLoss(const QString& reason);
+
     BufferHandler m_handler;
+    LossHandler m_lossHandler;
+    bool m_recording = false;
     std::vector<float> m_pending;
     size_t m_pendingSamples = 0;
 };
