@@ -26,14 +26,48 @@ QString SingleInstance::socketPath()
     return dir + u"/quillet.socket"_s;
 }
 
+QByteArray SingleInstance::edgeMessage(ShortcutEdge edge)
+{
+    // A link always starts with its scheme; "!" starts none.
+    switch (edge) {
+    case ShortcutEdge::press:
+        return "!press\n";
+    case ShortcutEdge::release:
+        return "!release\n";
+    case ShortcutEdge::toggle:
+        return "!toggle\n";
+    }
+    return {};
+}
+
+std::optional<ShortcutEdge> SingleInstance::edgeFromMessage(QStringView line)
+{
+    if (line == u"!press")
+        return ShortcutEdge::press;
+    if (line == u"!release")
+        return ShortcutEdge::release;
+    if (line == u"!toggle")
+        return ShortcutEdge::toggle;
+    return std::nullopt;
+}
+
 bool SingleInstance::handOver(const QStringList& links, int timeoutMs)
+{
+    // One link per line; an empty message is a plain knock.
+    return send(links.join(u'\n').toUtf8() + '\n', timeoutMs);
+}
+
+bool SingleInstance::handOverEdge(ShortcutEdge edge, int timeoutMs)
+{
+    return send(edgeMessage(edge), timeoutMs);
+}
+
+bool SingleInstance::send(const QByteArray& message, int timeoutMs)
 {
     QLocalSocket socket;
     socket.connectToServer(socketPath());
     if (!socket.waitForConnected(timeoutMs))
         return false;
-    // One link per line; an empty message is a plain knock.
-    const QByteArray message = links.join(u'\n').toUtf8() + '\n';
     socket.write(message);
     if (!socket.waitForBytesWritten(timeoutMs))
         return false;
@@ -72,6 +106,8 @@ void SingleInstance::accept()
                 const QString line = QString::fromUtf8(socket->readLine()).trimmed();
                 if (line.isEmpty())
                     Q_EMIT activated();
+                else if (const std::optional<ShortcutEdge> edge = edgeFromMessage(line))
+                    Q_EMIT shortcutEdgeReceived(*edge);
                 else
                     Q_EMIT linkReceived(line);
             }

@@ -396,3 +396,22 @@ std::unique_ptr<AccessibleElement> AtspiTextAccessibility::focusedElement()
     }
     return nullptr;
 }
+
+std::optional<QString> AtspiTextAccessibility::focusedApplicationName()
+{
+    if (!isTrusted())
+        return std::nullopt;
+    AtspiAccessible* last = m_connection->lastFocused;
+    if (!last || !hasState(last, ATSPI_STATE_FOCUSED))
+        return std::nullopt;
+    GError* error = nullptr;
+    const GPtr<AtspiAccessible> application(atspi_accessible_get_application(last, &error));
+    if (failed(error) || !application)
+        return std::nullopt;
+    gchar* name = atspi_accessible_get_name(application.get(), &error);
+    if (failed(error) || !name)
+        return std::nullopt;
+    const QString result = QString::fromUtf8(name);
+    g_free(name);
+    return result;
+}
