@@ -2,6 +2,8 @@
 #include "ServerProcess.h"
 #include "support/QuilletProgram.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QRegularExpression>
 #include <QtTest>
@@ -98,6 +100,21 @@ private:
         return recorded;
     }
 
+    // Waits for the portal backend to write a line starting with this.
+    bool waitForBackend(const QByteArray& prefix)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                m_backendOutput += m_backend.readAllStandardOutput();
+                for (const QByteArray& line : m_backendOutput.split('\n')) {
+                    if (line.startsWith(prefix))
+                        return true;
+                }
+                return false;
+            },
+            10000);
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -125,8 +142,9 @@ private Q_SLOTS:
 
         QVERIFY(m_program->start());
         QVERIFY(m_program->waitForLine(
-            u"▶️ [Quillet] desktop session wayland: hotkey from compositor bindings (quillet --press, --release, "
-            "--toggle); text through AT-SPI, else wl-copy and a wtype paste keystroke; capsule as an override-redirect "
+            u"▶️ [Quillet] desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has "
+            "one, and from compositor bindings (quillet --press, --release, --toggle); text through AT-SPI, else "
+            "wl-copy and a wtype paste keystroke; capsule as an override-redirect "
             "window through Xwayland"_s));
 
         Http http;
@@ -207,6 +225,80 @@ private Q_SLOTS:
         QVERIFY(m_field->hasFocus(u"entry"_s));
     }
 
+    void theDesktopsPortalShortcutHoldsAndDoubleTaps()
+    {
+        QTest::qWait(2000);
+        // The real portal frontend, with our backend as the desktop's GlobalShortcuts.
+        const QString portals = m_dir.filePath(u"portals"_s);
+        QVERIFY(QDir().mkpath(portals));
+        QFile description(portals + u"/quillettest.portal"_s);
+        QVERIFY(description.open(QIODevice::WriteOnly));
+        description.write("[portal]\nDBusName=org.freedesktop.impl.portal.desktop.quillettest\n"
+                          "Interfaces=org.freedesktop.impl.portal.GlobalShortcuts;\nUseIn=sway\n");
+        description.close();
+        m_backend.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_backend.start(QStringLiteral(QUILLET_FAKE_PORTAL), {});
+        QVERIFY(m_backend.waitForStarted(5000));
+        QVERIFY(waitForBackend("ready"));
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"XDG_DESKTOP_PORTAL_DIR"_s, portals);
+        m_frontend.setProcessEnvironment(environment);
+        m_frontend.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_frontend.setStandardOutputFile(QProcess::nullDevice());
+        m_frontend.start(u"/usr/libexec/xdg-desktop-portal"_s, { u"--replace"_s });
+        QVERIFY(m_frontend.waitForStarted(5000));
+        QVERIFY(QTest::qWaitFor(
+            [] {
+                return QDBusConnection::sessionBus().interface()->isServiceRegistered(
+                    u"org.freedesktop.portal.Desktop"_s);
+            },
+            10000));
+        QTest::qWait(500); // the frontend takes its name before it has read its backends
+
+        // A Quillet started now binds "dictate" through the portal, with fn's stand-in as its wish.
+        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
+        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
+        m_program.reset();
+        m_program = std::make_unique<QuilletProgram>(
+            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        QVERIFY(m_program->start());
+        QVERIFY(waitForBackend("bound dictate Menu|Hold to dictate"));
+        QVERIFY(m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Menu"_s));
+
+        m_field.reset();
+        m_field = std::make_unique<FieldApp>(QStringLiteral(QUILLET_GTK_FIELDS));
+        m_field->setEnvironmentVariable(u"GDK_BACKEND"_s, u"wayland"_s);
+        QVERIFY(m_field->start());
+        QVERIFY(m_field->focus(u"entry"_s));
+        QVERIFY(m_field->set(u"entry"_s, QString(), 0, 0));
+
+        // Hold: Activated is the press, Deactivated the release.
+        qsizetype from = m_program->lineCount();
+        m_backend.write("press\n");
+        QVERIFY(m_program->waitForLine(u"🔑 [Quillet] shortcut pressed hotkey=fn"_s, from));
+        QVERIFY(m_program->waitForLine(u"🎤 [Quillet] audio capture started"_s, from));
+        QCOMPARE(Desktop::run(u"paplay"_s, { u"-d"_s, u"mic_feed"_s, m_dir.filePath(u"speech.wav"_s) }), 0);
+        m_backend.write("release\n");
+        QVERIFY(m_program->waitForLine(u"🛑 [Quillet] hotkeyEnded"_s, from));
+        QVERIFY(m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, from));
+        std::optional<QString> recorded;
+        QVERIFY(QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000));
+        const auto shown = m_field->waitForText(u"entry"_s, *recorded);
+        QVERIFY(shown);
+        QCOMPARE(shown->text, *recorded);
+
+        // Two quick presses: the second asks for tone mode, as a double tap of fn does.
+        QTest::qWait(2000);
+        from = m_program->lineCount();
+        m_backend.write("press\nrelease\n");
+        QVERIFY(m_program->waitForLine(u"🛑 [Quillet] hotkeyEnded"_s, from));
+        m_backend.write("press\n");
+        QVERIFY(m_program->waitForLine(u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s, from));
+        QVERIFY(m_program->waitForLine(u"▶️ [Quillet] DictationSession.start (tone=true)"_s, from));
+        m_backend.write("release\n");
+        QVERIFY(m_field->hasFocus(u"entry"_s));
+    }
+
     void cleanup()
     {
         // What the program said is the first thing to read when a dictation went wrong.
@@ -218,6 +310,15 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
+        m_backend.closeWriteChannel();
+        for (QProcess* helper : { &m_backend, &m_frontend }) {
+            if (helper->state() == QProcess::NotRunning)
+                continue;
+            helper->terminate();
+            if (!helper->waitForFinished(3000))
+                helper->kill();
+            helper->waitForFinished(2000);
+        }
         if (m_holder.state() != QProcess::NotRunning)
             m_holder.kill();
         m_holder.waitForFinished(2000);
@@ -233,6 +334,9 @@ private:
     std::unique_ptr<QuilletProgram> m_program;
     std::unique_ptr<FieldApp> m_field;
     QProcess m_holder;
+    QProcess m_backend;
+    QProcess m_frontend;
+    QByteArray m_backendOutput;
     bool m_capsuleSeen = false;
     bool m_focusKeptWhileCapsuleShows = false;
 };

@@ -66,8 +66,9 @@ private Q_SLOTS:
     {
         const Routes routes = waylandWithEverything();
         QCOMPARE(DesktopSession::describe(routes),
-            u"desktop session wayland: hotkey from compositor bindings (quillet --press, --release, --toggle); text "
-            "through AT-SPI, else wl-copy and a wtype paste keystroke; capsule as an override-redirect window "
+            u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, and from "
+            "compositor bindings (quillet --press, --release, --toggle); text through AT-SPI, else wl-copy and a wtype "
+            "paste keystroke; capsule as an override-redirect window "
             "through Xwayland"_s);
         QVERIFY(DesktopSession::missingRoutes(routes).isEmpty());
     }

@@ -41,8 +41,8 @@ QString describe(const Routes& routes)
     if (routes.type == Type::x11)
         return u"desktop session x11: hotkey from XInput2 raw key events; text through AT-SPI, else the clipboard "
                "and an XTest paste keystroke; capsule as an override-redirect window"_s;
-    QString text = u"desktop session wayland: hotkey from compositor bindings (quillet --press, --release, "
-                   "--toggle); text through AT-SPI"_s;
+    QString text = u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, "
+                   "and from compositor bindings (quillet --press, --release, --toggle); text through AT-SPI"_s;
     if (routes.waylandClipboard() && routes.waylandKeystroke())
         text += u", else wl-copy and a wtype paste keystroke"_s;
     else if (routes.waylandClipboard())
