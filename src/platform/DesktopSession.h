@@ -34,7 +34,9 @@ Type typeFrom(const QString& waylandDisplay, const QString& sessionType);
 // The Qt platform plugin the program's windows should use, or empty to leave Qt's own
 // choice. On a Wayland session with Xwayland that is xcb: an override-redirect X11 window
 // floats above the native windows without taking the focus, which no native window can
-// do without layer-shell. A platform the user chose (QT_QPA_PLATFORM) always wins.
+// do without layer-shell. Without Xwayland: Qt's Wayland plugin, else offscreen (no
+// windows at all, dictation still works). A platform the user chose (QT_QPA_PLATFORM)
+// always wins.
 QString guiPlatformFor(Type type, bool xDisplay, bool userChosePlatform);
 
 // The start-up line naming the session and the routes taken.
@@ -55,7 +57,8 @@ void prepareGuiPlatform();
 void forgetGuiPlatformChoice();
 
 // Whether a window can float above the others without ever taking the keyboard focus
-// (the capsule). False where Qt draws native Wayland windows: the compositor focuses them.
+// (the capsule). False where Qt draws native Wayland windows (the compositor focuses
+// them) and where it draws none.
 bool canShowUnfocusedWindows();
 
 } // namespace DesktopSession

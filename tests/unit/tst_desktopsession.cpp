@@ -47,7 +47,7 @@ private Q_SLOTS:
     void windowsGoThroughXwaylandOnlyWhereItRunsAndNobodyChoseOtherwise()
     {
         QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, true, false), u"xcb"_s);
-        QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, false, false), QString());
+        QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, false, false), u"wayland;offscreen"_s);
         QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, true, true), QString());
         QCOMPARE(DesktopSession::guiPlatformFor(Type::x11, true, false), QString());
     }

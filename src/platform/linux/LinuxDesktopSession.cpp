@@ -31,9 +31,11 @@ Type typeFrom(const QString& waylandDisplay, const QString& sessionType)
 
 QString guiPlatformFor(Type type, bool xDisplay, bool userChosePlatform)
 {
-    if (userChosePlatform || type != Type::wayland || !xDisplay)
+    if (userChosePlatform || type != Type::wayland)
         return {};
-    return u"xcb"_s;
+    // Without Xwayland the windows are native Wayland ones where Qt's plugin for that is
+    // installed, and else nowhere at all: dictation needs no window, only the capsule does.
+    return xDisplay ? u"xcb"_s : u"wayland;offscreen"_s;
 }
 
 QString describe(const Routes& routes)
@@ -58,7 +60,8 @@ QStringList missingRoutes(const Routes& routes)
     QStringList missing;
     if (!routes.xDisplay)
         missing << u"no Xwayland (DISPLAY is not set): dictation runs without its capsule, since a native Wayland "
-                   "window would take the keyboard focus from the application the text goes to"_s;
+                   "window would take the keyboard focus from the application the text goes to, and without the "
+                   "tray and windows where Qt's Wayland plugin (qt6-wayland) is not installed"_s;
     if (!routes.dataControl)
         missing << u"the compositor offers no data-control clipboard: text AT-SPI cannot insert is kept in the "
                    "history only (quillet --history)"_s;
@@ -118,9 +121,13 @@ void forgetGuiPlatformChoice()
 
 bool canShowUnfocusedWindows()
 {
-    // Only native Wayland windows are a problem; xcb (X11 or Xwayland) and the test
-    // platforms (offscreen, minimal) show without anyone taking the focus.
-    return !QGuiApplication::platformName().startsWith(u"wayland"_s);
+    // Native Wayland windows are focused by the compositor, and on a Wayland session the
+    // offscreen platform is what is left without Xwayland and Qt's Wayland plugin: no
+    // window shows there. xcb (X11 or Xwayland) and the test platforms elsewhere are fine.
+    const QString platform = QGuiApplication::platformName();
+    if (platform.startsWith(u"wayland"_s))
+        return false;
+    return !(platform == u"offscreen"_s && current() == Type::wayland);
 }
 
 } // namespace DesktopSession
