@@ -37,22 +37,35 @@ bool sway(const QString& command)
     return Desktop::run(u"swaymsg"_s, { command }, &reply) == 0 && !reply.contains("\"success\": false");
 }
 
-// Whether the capsule (an Xwayland window 320 wide, our class) is on the screen.
-bool capsuleVisible()
+// Where the visible capsule (an Xwayland window 320 wide, our class) is.
+std::optional<QRect> capsuleGeometry()
 {
     QByteArray ids;
     if (Desktop::run(u"xdotool"_s, { u"search"_s, u"--onlyvisible"_s, u"--classname"_s, u"quillet"_s }, &ids) != 0)
-        return false;
+        return std::nullopt;
     for (const QByteArray& id : ids.split('\n')) {
         QByteArray shell;
-        if (!id.trimmed().isEmpty()
-            && Desktop::run(
+        if (id.trimmed().isEmpty()
+            || Desktop::run(
                    u"xdotool"_s, { u"getwindowgeometry"_s, u"--shell"_s, QString::fromLatin1(id.trimmed()) }, &shell)
-                == 0
-            && shell.contains("WIDTH=320"))
-            return true;
+                != 0)
+            continue;
+        QMap<QByteArray, int> values;
+        for (const QByteArray& line : shell.split('\n')) {
+            const QList<QByteArray> pair = line.split('=');
+            if (pair.size() == 2)
+                values[pair[0]] = pair[1].toInt();
+        }
+        if (values.value("WIDTH") == 320)
+            return QRect(values.value("X"), values.value("Y"), values.value("WIDTH"), values.value("HEIGHT"));
     }
-    return false;
+    return std::nullopt;
+}
+
+// Whether the capsule is on the screen.
+bool capsuleVisible()
+{
+    return capsuleGeometry().has_value();
 }
 
 } // namespace
@@ -295,7 +308,25 @@ private Q_SLOTS:
         m_backend.write("press\n");
         QVERIFY(m_program->waitForLine(u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s, from));
         QVERIFY(m_program->waitForLine(u"▶️ [Quillet] DictationSession.start (tone=true)"_s, from));
+        QVERIFY(m_program->waitForLine(u"🎤 [Quillet] audio capture started"_s, from));
+        QCOMPARE(Desktop::run(u"paplay"_s, { u"-d"_s, u"mic_feed"_s, m_dir.filePath(u"speech.wav"_s) }), 0);
+        QVERIFY(m_field->set(u"entry"_s, QString(), 0, 0));
         m_backend.write("release\n");
+        QVERIFY(m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, from));
+
+        // The capsule offers the tones: a click on the first, "Professional", through Xwayland.
+        std::optional<QRect> capsule;
+        QVERIFY(QTest::qWaitFor([&] { return (capsule = capsuleGeometry()).has_value() && capsule->height() > 56; }));
+        const QPoint professional = capsule->topLeft() + QPoint(16 + 46, 12 + 14 + 8 + 11);
+        QCOMPARE(Desktop::run(u"xdotool"_s,
+                     { u"mousemove"_s, QString::number(professional.x()), QString::number(professional.y()), u"click"_s,
+                         u"1"_s }),
+            0);
+        QVERIFY(m_program->waitForLine(u"✏️ [Quillet] TextInserter.insert"_s, from));
+        QVERIFY(QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000));
+        const auto rewritten = m_field->waitForText(u"entry"_s, *recorded);
+        QVERIFY(rewritten);
+        QCOMPARE(rewritten->text, *recorded);
         QVERIFY(m_field->hasFocus(u"entry"_s));
     }
 

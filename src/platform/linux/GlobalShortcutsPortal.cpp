@@ -81,6 +81,8 @@ void GlobalShortcutsPortal::start(const QString& preferredTrigger)
     });
 }
 
+// QtDBus subscribes to another process's signals only through a slot's signature
+// (QDBusConnection::connect has no overload for a member function), hence the SLOT()s.
 void GlobalShortcutsPortal::createSession()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
