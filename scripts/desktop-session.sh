@@ -58,6 +58,11 @@ if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
   xvfb_pid=""
   cleanup() {
     if [ -n "$xvfb_pid" ]; then kill "$xvfb_pid" 2>/dev/null || true; wait "$xvfb_pid" 2>/dev/null || true; fi
+    # A portal frontend started in the session brings the document portal, which mounts a
+    # FUSE file system on the runtime folder's doc/ and may outlive the bus: unmount it first.
+    if [ -d "$root/runtime/doc" ]; then
+      fusermount3 -uz "$root/runtime/doc" 2>/dev/null || fusermount -uz "$root/runtime/doc" 2>/dev/null || true
+    fi
     rm -rf "$root"
   }
   trap cleanup EXIT

@@ -65,7 +65,9 @@ case "${1:-}" in
       [ -x "$b" ] || continue
       echo "== $(basename "$b")"
       case "$(basename "$b")" in
-        # Those that need a desktop (X, sound, keyring, accessibility) get the headless one.
+        # Those that need a desktop (X, sound, keyring, accessibility) get the headless one;
+        # the Wayland ones get headless sway.
+        *wayland*) scripts/desktop-session.sh --wayland -- "$b" ;;
         *insertion*|*capture*|*hud*|*hotkey*|*token_read*|*program*|*session*) scripts/desktop-session.sh -- "$b" ;;
         *) "$b" ;;
       esac

@@ -17,6 +17,8 @@ packages=(
   # platform layers
   libx11-dev libxi-dev libxtst-dev libatspi2.0-dev libpulse-dev libsoxr-dev libspeexdsp-dev
   libgtk-3-dev
+  # on a Wayland session: which protocols the compositor offers (clipboard, virtual keyboard)
+  libwayland-dev
   # speech engine of the local backend
   libpocketsphinx-dev libsphinxbase-dev pocketsphinx pocketsphinx-en-us pocketsphinx-testdata sphinxbase-utils
   libjemalloc-dev

@@ -426,8 +426,9 @@ int main(int argc, char** argv)
         const auto realInsert = environment.insert;
         environment.insert = [&marks, realInsert](const QString& text) {
             marks.insertBeginNs = nowNs();
-            realInsert(text);
+            const InsertionResult result = realInsert(text);
             marks.insertEndNs = nowNs();
+            return result;
         };
         auto session = DictationSession::create(
             false, [&completed] { completed = true; }, std::move(environment));

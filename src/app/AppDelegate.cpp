@@ -45,6 +45,23 @@ void AppDelegate::applicationDidFinishLaunching(SingleInstance* instance)
     connect(instance, &SingleInstance::linkReceived, this, &AppDelegate::handleDeepLink);
     // Started again from a launcher: the user wants to see Quillet, and it has no other window.
     connect(instance, &SingleInstance::activated, this, &AppDelegate::showSettings);
+    // A desktop binding's `quillet --press`/`--release`/`--toggle`: the chosen hotkey, as
+    // the desktop saw it. Handled like the key itself, double tap included.
+    connect(instance, &SingleInstance::shortcutEdgeReceived, this, [this](ShortcutEdge edge) {
+        if (!m_hotkeyManager)
+            return;
+        switch (edge) {
+        case ShortcutEdge::press:
+            m_hotkeyManager->shortcutPressed();
+            break;
+        case ShortcutEdge::release:
+            m_hotkeyManager->shortcutReleased();
+            break;
+        case ShortcutEdge::toggle:
+            m_hotkeyManager->shortcutToggled();
+            break;
+        }
+    });
     // The migration runs on the keychain thread before anything else asks the store,
     // so the menu's first read already sees its result.
     KeychainHelper::migrateIfNeededAsync();

@@ -132,7 +132,43 @@ qint64 SingleInstance::peerUid(qintptr socketDescriptor)
     return credentials.uid;
 }
 
+QByteArray SingleInstance::edgeMessage(ShortcutEdge edge)
+{
+    // A link always starts with its scheme; "!" starts none.
+    switch (edge) {
+    case ShortcutEdge::press:
+        return "!press\n";
+    case ShortcutEdge::release:
+        return "!release\n";
+    case ShortcutEdge::toggle:
+        return "!toggle\n";
+    }
+    return {};
+}
+
+std::optional<ShortcutEdge> SingleInstance::edgeFromMessage(QStringView line)
+{
+    if (line == u"!press")
+        return ShortcutEdge::press;
+    if (line == u"!release")
+        return ShortcutEdge::release;
+    if (line == u"!toggle")
+        return ShortcutEdge::toggle;
+    return std::nullopt;
+}
+
 bool SingleInstance::handOver(const QStringList& links, int timeoutMs)
+{
+    // One link per line; an empty message is a plain knock.
+    return send(links.join(u'\n').toUtf8() + '\n', timeoutMs);
+}
+
+bool SingleInstance::handOverEdge(ShortcutEdge edge, int timeoutMs)
+{
+    return send(edgeMessage(edge), timeoutMs);
+}
+
+bool SingleInstance::send(const QByteArray& message, int timeoutMs)
 {
     const QString path = socketPath();
     if (path.isEmpty())
@@ -145,15 +181,13 @@ bool SingleInstance::handOver(const QStringList& links, int timeoutMs)
     socket.connectToServer(path);
     if (!socket.waitForConnected(timeoutMs))
         return false;
-    // The tokens go only to a Quillet of this very user.
+    // The message goes only to a Quillet of this very user.
     const qint64 peer = peerUid(socket.socketDescriptor());
     if (peer != static_cast<qint64>(::getuid())) {
         socket.abort();
         reportRefused(path, u"the program listening on it runs as another user (uid %1)"_s.arg(peer));
         return false;
     }
-    // One link per line; an empty message is a plain knock.
-    const QByteArray message = links.join(u'\n').toUtf8() + '\n';
     socket.write(message);
     if (!socket.waitForBytesWritten(timeoutMs))
         return false;
@@ -209,6 +243,8 @@ void SingleInstance::accept()
                 const QString line = QString::fromUtf8(socket->readLine()).trimmed();
                 if (line.isEmpty())
                     Q_EMIT activated();
+                else if (const std::optional<ShortcutEdge> edge = edgeFromMessage(line))
+                    Q_EMIT shortcutEdgeReceived(*edge);
                 else
                     Q_EMIT linkReceived(line);
             }

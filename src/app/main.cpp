@@ -2,6 +2,7 @@
 #include "app/HistoryText.h"
 #include "app/SignInLink.h"
 #include "app/SingleInstance.h"
+#include "platform/DesktopSession.h"
 #include "services/HistoryManager.h"
 #include "services/Log.h"
 
@@ -11,6 +12,7 @@
 #include <QSGRendererInterface>
 
 #include <cstdio>
+#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -42,6 +44,24 @@ bool answersOnTheTerminal(int argc, char* argv[])
     return false;
 }
 
+// --press, --release and --toggle: a desktop binding passing its shortcut to the running
+// instance. Answered without a display, so the binding returns at once.
+std::optional<ShortcutEdge> shortcutEdgeArgument(int argc, char* argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray arg(argv[i]);
+        if (arg == "--press")
+            return ShortcutEdge::press;
+        if (arg == "--release")
+            return ShortcutEdge::release;
+        if (arg == "--toggle")
+            return ShortcutEdge::toggle;
+        if (arg == "--")
+            break;
+    }
+    return std::nullopt;
+}
+
 struct Options {
     bool history = false;
     QStringList links;
@@ -57,6 +77,13 @@ Options parseOptions(const QCoreApplication& app)
     const QCommandLineOption historyOption(u"history"_s,
         u"Print the texts Quillet inserted, newest first, and exit (to recover text that landed nowhere)."_s);
     parser.addOption(historyOption);
+    // Read before the parser runs (shortcutEdgeArgument); listed here for --help.
+    parser.addOption(QCommandLineOption(u"press"_s,
+        u"Tell the running Quillet that the dictation shortcut went down (for a desktop's key binding)."_s));
+    parser.addOption(QCommandLineOption(
+        u"release"_s, u"Tell the running Quillet that the dictation shortcut went up (for a key binding)."_s));
+    parser.addOption(QCommandLineOption(
+        u"toggle"_s, u"Start dictating, or stop when dictating (for desktops whose shortcuts report no release)."_s));
     parser.addPositionalArgument(u"link"_s, u"A quillet:// sign-in link to hand to Quillet."_s, u"[link]"_s);
     parser.process(app);
     return { parser.isSet(historyOption), parser.positionalArguments() };
@@ -83,6 +110,16 @@ int main(int argc, char* argv[])
         return 0;
     }
 
+    if (const std::optional<ShortcutEdge> edge = shortcutEdgeArgument(argc, argv)) {
+        QCoreApplication app(argc, argv);
+        nameApplication();
+        parseOptions(app);
+        if (SingleInstance::handOverEdge(*edge))
+            return 0;
+        std::fputs("Quillet is not running, so there is no dictation to start or stop: start quillet first.\n", stderr);
+        return 1;
+    }
+
     // The capsule and the two forms are small: the software scene graph draws them at
     // once, shows the first capsule about ten times sooner and spares the ~100 MB an
     // OpenGL stack takes (Mesa's llvmpipe where there is no GPU). QT_QUICK_BACKEND
@@ -90,7 +127,11 @@ int main(int argc, char* argv[])
     if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 
+    // On a Wayland session the windows go through Xwayland where it runs: only there can
+    // the capsule float without taking the focus.
+    DesktopSession::prepareGuiPlatform();
     QApplication app(argc, argv);
+    DesktopSession::forgetGuiPlatformChoice();
     nameApplication();
     QApplication::setDesktopFileName(QStringLiteral(QUILLET_APP_ID));
     // A tray program: closing the settings or welcome window must not end it.
@@ -125,6 +166,11 @@ int main(int argc, char* argv[])
     if (!instance.listen())
         Log::write(Log::Symbol::Warning,
             u"could not open "_s + SingleInstance::socketPath() + u": a second start will not find this one"_s);
+
+    const DesktopSession::Routes routes = DesktopSession::currentRoutes();
+    Log::write(Log::Symbol::Start, DesktopSession::describe(routes));
+    for (const QString& missing : DesktopSession::missingRoutes(routes))
+        Log::write(Log::Symbol::Warning, missing);
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching(&instance);

@@ -432,8 +432,19 @@ void DictationSession::finish(const QString& text, std::optional<Tone> tone)
 {
     // The history first: should the insertion bring the program down, the text is not lost.
     keepInHistory(text);
-    m_environment.insert(text);
-    m_hud->showSuccess(text, tone);
+    switch (m_environment.insert(text)) {
+    case InsertionResult::inserted:
+    case InsertionResult::pasted:
+        m_hud->showSuccess(text, tone);
+        break;
+    case InsertionResult::leftOnClipboard:
+        // Not a failure of the dictation: the user pastes it where it was meant to go.
+        m_hud->showError(u"Not typed in: paste it, it is on the clipboard"_s);
+        break;
+    case InsertionResult::notInserted:
+        m_hud->showError(u"Not typed in: it is in quillet --history"_s);
+        break;
+    }
     completeAfter(m_environment.timings.successLinger);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "dictation/AudioCaptureManager.h"
+#include "dictation/TextInserter.h"
 #include "dictation/TranscriptionService.h"
 #include "services/Tone.h"
 #include "ui/HUDPresenter.h"
@@ -39,8 +40,8 @@ struct DictationEnvironment {
     std::function<QCoro::Task<std::optional<QString>>(const QString& text, Tone tone)> rewrite;
     // Records the text in the history; called before insert(), so a crash there loses nothing.
     std::function<void(const QString& text)> addToHistory;
-    // Puts the text at the focused application's cursor.
-    std::function<void(const QString& text)> insert;
+    // Puts the text at the focused application's cursor; where it went.
+    std::function<InsertionResult(const QString& text)> insert;
     // The API base address, for the log line that names the stream.
     std::function<QString()> apiBaseURL;
     DictationTimings timings;

@@ -22,10 +22,30 @@ void HotkeyManager::setDelegate(QObject* owner, HotkeyManagerDelegate* delegate)
     m_delegate = delegate;
 }
 
+QString HotkeyManager::shortcutTrigger(Hotkey hotkey)
+{
+    // Key names of the XDG shortcuts notation, for desktops that bind the key themselves.
+    switch (hotkey) {
+    case Hotkey::fn:
+        return u"Menu"_s; // the key that stands in for fn
+    case Hotkey::rightOption:
+        return u"Alt_R"_s;
+    case Hotkey::rightCommand:
+        return u"Super_R"_s;
+    case Hotkey::capsLock:
+        return u"Caps_Lock"_s;
+    }
+    return {};
+}
+
 void HotkeyManager::registerTap()
 {
     if (m_registered)
         return;
+    if (m_source) {
+        m_source->setPreferredTrigger(shortcutTrigger(SettingsStore::shared().hotkey()));
+        m_source->setNoticeHandler([](const QString& notice) { Log::write(Log::Symbol::Key, notice); });
+    }
     const KeyEventSourceStatus status = m_source
         ? m_source->start([this](const KeyEvent& event) { return handleEvent(event.type, event); })
         : KeyEventSourceStatus::unsupported;

@@ -5,6 +5,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QString>
 
 #include <chrono>
 #include <concepts>
@@ -59,6 +60,10 @@ public:
     void shortcutReleased();
     // Starts when idle, stops when holding: for desktops whose shortcuts fire on press only.
     void shortcutToggled();
+
+    // The hotkey as a desktop's shortcut settings name it (XDG shortcuts notation): the
+    // preference given to a desktop that binds the key itself.
+    static QString shortcutTrigger(Hotkey hotkey);
 
     // Whether a begin has been reported without its end yet.
     bool isHolding() const { return m_isHolding; }

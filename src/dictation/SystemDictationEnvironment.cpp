@@ -53,8 +53,9 @@ DictationEnvironment DictationEnvironment::system()
     environment.rewrite = [](const QString& text, Tone tone) { return RewriteService::shared().rewrite(text, tone); };
     environment.addToHistory = [](const QString& text) { HistoryManager::shared().add(text); };
     environment.insert = [](const QString& text) {
-        if (!insertIntoOwnWindow(text))
-            TextInserter::shared().insert(text);
+        if (insertIntoOwnWindow(text))
+            return InsertionResult::inserted;
+        return TextInserter::shared().insert(text);
     };
     environment.apiBaseURL = [] { return AppConfig::apiBaseURL(); };
     return environment;

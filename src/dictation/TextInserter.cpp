@@ -5,6 +5,7 @@
 #include "platform/TextAccessibility.h"
 #include "services/Log.h"
 
+#include <QPointer>
 #include <QTextBoundaryFinder>
 #include <QTimer>
 
@@ -48,16 +49,26 @@ TextInserter& TextInserter::shared()
     return instance;
 }
 
-void TextInserter::insert(const QString& text)
+InsertionResult TextInserter::insert(const QString& text)
 {
     Log::write(
         Log::Symbol::Insertion, u"TextInserter.insert("_s + QString::number(characterCount(text)) + u" chars)"_s);
     if (tryAccessibilityInsert(text)) {
         Log::writeContinuation(u"\u2192 AX insert succeeded");
-        return;
+        return InsertionResult::inserted;
     }
     Log::writeContinuation(u"\u2192 AX failed, falling back to clipboard paste");
+    if (!m_pasteboard.canWrite()) {
+        Log::writeContinuation(u"\u2192 no clipboard to paste through: the text is only in the history");
+        return InsertionResult::notInserted;
+    }
+    if (!m_pasteKeystroke.canPost()) {
+        Log::writeContinuation(u"\u2192 no paste keystroke on this desktop: the text is left on the clipboard");
+        leaveOnClipboard(text);
+        return InsertionResult::leftOnClipboard;
+    }
     clipboardPaste(text);
+    return InsertionResult::pasted;
 }
 
 bool TextInserter::tryAccessibilityInsert(const QString& text)
@@ -98,31 +109,57 @@ bool TextInserter::tryAccessibilityInsert(const QString& text)
     return true;
 }
 
-void TextInserter::clipboardPaste(const QString& text)
+// Where the clipboard answers at once (X11's QClipboard) every step below finishes
+// before the next starts, all within insert(); where it is another program (Wayland's
+// wl-copy, wtype) each step waits for it without holding up the event loop.
+QCoro::Task<> TextInserter::clipboardPaste(QString text)
 {
+    const QPointer<TextInserter> self(this);
     // Only the plain text survives the round trip; images, files and rich text on
     // the clipboard are given up on purpose. The list of kinds is still asked for,
     // as some clipboard owners only settle what they offer once asked.
-    const std::optional<QString> saved = m_pasteboard.plainText();
-    static_cast<void>(m_pasteboard.types());
+    const std::optional<QString> saved = co_await m_pasteboard.plainText();
+    if (!self)
+        co_return;
+    static_cast<void>(co_await m_pasteboard.types());
+    if (!self)
+        co_return;
 
-    m_pasteboard.clear();
-    m_pasteboard.setPlainText(text);
-    simulatePaste();
+    co_await m_pasteboard.clear();
+    if (!self)
+        co_return;
+    co_await m_pasteboard.setPlainText(text);
+    if (!self)
+        co_return;
+    co_await simulatePaste();
+    if (!self)
+        co_return;
 
     // The target application asks for the clipboard only after it has handled the
     // keystroke; restoring at once would hand it the old text.
     Pasteboard* pasteboard = &m_pasteboard;
-    QTimer::singleShot(restoreDelay, this, [pasteboard, saved] {
-        pasteboard->clear();
-        if (saved)
-            pasteboard->setPlainText(*saved);
-    });
+    QTimer::singleShot(restoreDelay, this, [pasteboard, saved] { restore(pasteboard, saved); });
 }
 
-void TextInserter::simulatePaste()
+QCoro::Task<> TextInserter::restore(Pasteboard* pasteboard, std::optional<QString> saved)
 {
-    m_pasteKeystroke.post();
+    co_await pasteboard->clear();
+    if (saved)
+        co_await pasteboard->setPlainText(*saved);
+}
+
+QCoro::Task<> TextInserter::leaveOnClipboard(QString text)
+{
+    const QPointer<TextInserter> self(this);
+    co_await m_pasteboard.clear();
+    if (!self)
+        co_return;
+    co_await m_pasteboard.setPlainText(text);
+}
+
+QCoro::Task<> TextInserter::simulatePaste()
+{
+    co_await m_pasteKeystroke.post();
 }
 
 qint64 TextInserter::characterCount(QStringView text)

@@ -4,12 +4,23 @@
 #include <QString>
 #include <QStringView>
 
+#include <QCoroTask>
+
 #include <chrono>
+#include <optional>
 
 class PasteKeystroke;
 class Pasteboard;
 class TextAccessibility;
 struct TextRange;
+
+// Where a dictation's text went.
+enum class InsertionResult {
+    inserted, // into the focused element, through the accessibility interface
+    pasted, // through the clipboard and the paste keystroke (the application's answer is not seen)
+    leftOnClipboard, // on the clipboard only: this desktop takes no synthetic paste keystroke
+    notInserted, // nowhere: this desktop lets us neither edit the element nor use the clipboard
+};
 
 // Puts the final text of a dictation at the text cursor of whichever application
 // has the keyboard focus: first by editing the focused element through the
@@ -31,8 +42,9 @@ public:
     // the main thread of a running QGuiApplication.
     static TextInserter& shared();
 
-    // Inserts the text; never fails visibly (its log lines are the only trace).
-    void insert(const QString& text);
+    // Inserts the text and says where it went; its log lines are the only other trace. The
+    // clipboard's restore, and on some desktops the paste itself, finish after it returns.
+    InsertionResult insert(const QString& text);
 
     // The number of user-perceived characters (grapheme clusters) in the text.
     static qint64 characterCount(QStringView text);
@@ -41,8 +53,10 @@ public:
 
 private:
     bool tryAccessibilityInsert(const QString& text);
-    void clipboardPaste(const QString& text);
-    void simulatePaste();
+    QCoro::Task<> clipboardPaste(QString text);
+    QCoro::Task<> simulatePaste();
+    QCoro::Task<> leaveOnClipboard(QString text);
+    static QCoro::Task<> restore(Pasteboard* pasteboard, std::optional<QString> saved);
 
     TextAccessibility& m_accessibility;
     Pasteboard& m_pasteboard;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QString>
 #include <QtGlobal>
 
 #include <functional>
@@ -80,6 +81,13 @@ public:
     // again (false). Matters where fn is an ordinary key that applications act on, such as
     // the Menu key standing in for it; a source without such a key ignores it.
     virtual void setFnKeyReserved(bool reserved) = 0;
+    // The chosen key in the XDG shortcuts notation ("Menu", "Alt_R"), for a desktop that binds
+    // the key itself and takes a preference; call before start(). Others ignore it.
+    virtual void setPreferredTrigger(const QString& trigger) { static_cast<void>(trigger); }
+    // Receives, on the same thread, one sentence each time the source's route changes later
+    // on (a desktop shortcut bound or refused); call before start(). Others never call it.
+    using NoticeHandler = std::function<void(const QString& notice)>;
+    virtual void setNoticeHandler(NoticeHandler handler) { static_cast<void>(handler); }
 };
 
 // The desktop's global key events (on Linux: XInput2 raw key events of the X server).

@@ -1,6 +1,8 @@
 #include "ui/HUDWindowController.h"
 
+#include "platform/DesktopSession.h"
 #include "platform/WindowCompositing.h"
+#include "services/Log.h"
 #include "ui/HUDPlacement.h"
 #include "ui/UiEngine.h"
 
@@ -17,6 +19,8 @@
 #include <QRegion>
 #include <QScreen>
 #include <QTimer>
+
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -77,6 +81,16 @@ void HUDWindowController::show(const HUDMode& mode)
 {
     m_state.setMode(mode);
     m_state.setPartialText(QString());
+    if (!DesktopSession::canShowUnfocusedWindows()) {
+        // A native Wayland window is focused by the compositor, whatever its flags say: the
+        // text would go to the capsule instead of the application. Dictation goes on without it.
+        static bool told = false;
+        if (!std::exchange(told, true))
+            Log::write(Log::Symbol::Warning,
+                u"no capsule on this desktop: a native Wayland window would take the keyboard focus (start Xwayland "
+                "to see it)"_s);
+        return;
+    }
     if (!m_window)
         createWindow();
     if (!m_window)

@@ -148,7 +148,7 @@ private:
         env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
         env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
         env.addToHistory = [](const QString&) {};
-        env.insert = [](const QString&) {};
+        env.insert = [](const QString&) { return InsertionResult::inserted; };
         env.apiBaseURL = [] { return u"http://127.0.0.1:9"_s; };
         env.timings.errorLinger = 300ms;
         return env;
@@ -290,6 +290,54 @@ private Q_SLOTS:
         QVERIFY(handedOver);
         QTRY_COMPARE(visibleWindowsTitled(u"Quillet Settings"_s), 1);
         delegate->settingsWindow()->close();
+    }
+
+    void aBindingsEdgesHoldTheHotkeyAndCountForTheDoubleTap()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        QVERIFY(instance.listen());
+        auto delegate = launched(instance);
+        StdoutCapture out;
+        // What `quillet --press`, `--release`, `--press` do, from another thread as another process would.
+        bool handedOver = true;
+        std::thread binding([&] {
+            for (ShortcutEdge edge : { ShortcutEdge::press, ShortcutEdge::release, ShortcutEdge::press })
+                handedOver = SingleInstance::handOverEdge(edge) && handedOver;
+        });
+        QTRY_VERIFY(out.lines().contains(u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s));
+        binding.join();
+        QVERIFY(handedOver);
+        QCOMPARE(out.lines().filter(u"[Quillet] hotkey"_s),
+            (QStringList { u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s, u"🛑 [Quillet] hotkeyEnded"_s,
+                u"🎙️ [Quillet] hotkeyBegan toneMode=true"_s }));
+        QTRY_VERIFY(delegate->hasDictationSession());
+        std::thread release([] { SingleInstance::handOverEdge(ShortcutEdge::release); });
+        QTRY_COMPARE(out.lines().filter(u"[Quillet] hotkeyEnded"_s).size(), 2);
+        release.join();
+    }
+
+    void aToggleStartsAndStops()
+    {
+        QSettings().setValue(OnboardingState::completeKey, true);
+        SingleInstance instance;
+        QVERIFY(instance.listen());
+        auto delegate = launched(instance);
+        StdoutCapture out;
+        std::thread first([] { SingleInstance::handOverEdge(ShortcutEdge::toggle); });
+        QTRY_VERIFY(out.lines().contains(u"🎙️ [Quillet] hotkeyBegan toneMode=false"_s));
+        first.join();
+        std::thread second([] { SingleInstance::handOverEdge(ShortcutEdge::toggle); });
+        QTRY_VERIFY(out.lines().contains(u"🛑 [Quillet] hotkeyEnded"_s));
+        second.join();
+    }
+
+    void anEdgeWithNobodyListeningIsNotTaken()
+    {
+        QVERIFY(!SingleInstance::handOverEdge(ShortcutEdge::press, 200));
+        QCOMPARE(SingleInstance::edgeFromMessage(u"!press"), std::optional(ShortcutEdge::press));
+        QCOMPARE(SingleInstance::edgeFromMessage(u"!toggle"), std::optional(ShortcutEdge::toggle));
+        QCOMPARE(SingleInstance::edgeFromMessage(u"quillet://auth?token=!press"), std::nullopt);
     }
 
     void aPressWhileTheLastDictationFinishesStartsNothing()

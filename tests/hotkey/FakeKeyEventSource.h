@@ -14,6 +14,8 @@ public:
         int starts = 0;
         int stops = 0;
         bool fnReserved = false;
+        QString preferredTrigger;
+        NoticeHandler notice; // what the owner asked to be told, to tell it something
     };
 
     explicit FakeKeyEventSource(
@@ -36,6 +38,8 @@ public:
     }
     bool canDrop() const override { return true; }
     void setFnKeyReserved(bool reserved) override { m_record->fnReserved = reserved; }
+    void setPreferredTrigger(const QString& trigger) override { m_record->preferredTrigger = trigger; }
+    void setNoticeHandler(NoticeHandler handler) override { m_record->notice = std::move(handler); }
 
     // Whether a handler is listening (start() succeeded and stop() has not come).
     bool listening() const { return static_cast<bool>(m_handler); }

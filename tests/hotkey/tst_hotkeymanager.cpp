@@ -458,6 +458,20 @@ private Q_SLOTS:
         QVERIFY(!m_manager->isHolding());
         QCOMPARE(m_delegate->calls, (QStringList { u"began"_s, u"ended"_s }));
     }
+    void aDesktopThatBindsTheKeyIsToldTheChosenOneAndItsNoticesAreLogged()
+    {
+        selectHotkey(Hotkey::rightOption);
+        registerQuietly();
+        QCOMPARE(m_record->preferredTrigger, u"Alt_R"_s);
+        QVERIFY(m_record->notice);
+        StdoutCapture out;
+        m_record->notice(u"GlobalShortcuts portal: \"Hold to dictate\" is bound to Alt_R"_s);
+        QCOMPARE(out.lines(),
+            QStringList { u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Alt_R"_s });
+        QCOMPARE(HotkeyManager::shortcutTrigger(Hotkey::fn), u"Menu"_s);
+        QCOMPARE(HotkeyManager::shortcutTrigger(Hotkey::rightCommand), u"Super_R"_s);
+        QCOMPARE(HotkeyManager::shortcutTrigger(Hotkey::capsLock), u"Caps_Lock"_s);
+    }
     void destructionStopsTheSource()
     {
         registerQuietly();

@@ -34,6 +34,15 @@ FieldApp::~FieldApp()
     }
 }
 
+void FieldApp::setEnvironmentVariable(const QString& name, const QString& value)
+{
+    QProcessEnvironment environment = m_process.processEnvironment();
+    if (environment.isEmpty())
+        environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(name, value);
+    m_process.setProcessEnvironment(environment);
+}
+
 bool FieldApp::start()
 {
     m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -49,6 +58,14 @@ bool FieldApp::start()
 
 bool FieldApp::focus(const QString& field)
 {
+    // A native Wayland window: the compositor gave the newest window the keyboard, and
+    // no tool may click into another program's window there; the field takes it itself.
+    if (m_windowId == u"0"_s) {
+        if (!request("grab " + field.toUtf8(), "ok"))
+            return false;
+        const QByteArray expected = "focused " + field.toUtf8() + " 1";
+        return QTest::qWaitFor([&] { return request("focused", "focused ") == expected; }, 5000);
+    }
     const std::optional<QByteArray> where = request("where " + field.toUtf8(), "where ");
     if (!where)
         return false;

@@ -21,10 +21,13 @@ public:
     FieldApp(const FieldApp&) = delete;
     FieldApp& operator=(const FieldApp&) = delete;
 
+    // Sets a variable for the window's process (GDK_BACKEND=wayland, NO_AT_BRIDGE=1); before start().
+    void setEnvironmentVariable(const QString& name, const QString& value);
     // Starts the window and waits until it is on screen.
     bool start();
     // Gives the window the X focus and clicks into the field, as a user would,
-    // and waits until the field reports the focus.
+    // and waits until the field reports the focus. A native Wayland window (started
+    // with GDK_BACKEND=wayland) has the keyboard already; the field is focused within it.
     bool focus(const QString& field);
 
     // Whether this field is the window's focus widget and the window has the keyboard.
@@ -46,7 +49,7 @@ public:
     // Waits until the field holds exactly this text; the content seen last either way.
     std::optional<Content> waitForText(const QString& field, const QString& text, int timeoutMs = 5000);
 
-    // Lines the window wrote on its own ("key ...", "focus ..."), oldest first; forgets them.
+    // Lines the window wrote on its own ("key ...", "focus ...", "unfocus ..."), oldest first; forgets them.
     QStringList takeEvents();
 
 private:

@@ -7,6 +7,10 @@
 #include <QString>
 #include <QStringList>
 
+#include <QCoroTimer>
+
+#include <chrono>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -81,34 +85,50 @@ public:
 };
 
 // A clipboard that remembers its text and the kinds it claims, and logs every call.
+// With a delay, each call answers that much later, as a clipboard client program does
+// (the call is logged when it is made, its effect happens when it answers).
 class FakePasteboard final : public Pasteboard
 {
 public:
     std::optional<QString> text;
     QStringList formats;
     QStringList calls;
+    bool writable = true;
+    std::chrono::milliseconds delay { 0 };
 
-    std::optional<QString> plainText() override
+    QCoro::Task<std::optional<QString>> plainText() override
     {
         calls << QStringLiteral("plainText");
-        return text;
+        co_await answerLater();
+        co_return text;
     }
-    QStringList types() override
+    QCoro::Task<QStringList> types() override
     {
         calls << QStringLiteral("types");
-        return formats;
+        co_await answerLater();
+        co_return formats;
     }
-    void clear() override
+    QCoro::Task<> clear() override
     {
         calls << QStringLiteral("clear");
+        co_await answerLater();
         text.reset();
         formats.clear();
     }
-    void setPlainText(const QString& value) override
+    QCoro::Task<> setPlainText(const QString& value) override
     {
         calls << QStringLiteral("set:") + value;
+        co_await answerLater();
         text = value;
         formats = QStringList { QStringLiteral("text/plain") };
+    }
+    bool canWrite() const override { return writable; }
+
+private:
+    QCoro::Task<> answerLater()
+    {
+        if (delay.count() > 0)
+            co_await QCoro::sleepFor(delay);
     }
 };
 
@@ -120,12 +140,15 @@ public:
         : m_pasteboard(pasteboard)
     { }
     QList<std::optional<QString>> clipboardAtEachPost;
+    bool available = true;
 
-    void post() override
+    QCoro::Task<> post() override
     {
         m_pasteboard.calls << QStringLiteral("post");
         clipboardAtEachPost << m_pasteboard.text;
+        co_return;
     }
+    bool canPost() const override { return available; }
 
 private:
     FakePasteboard& m_pasteboard;

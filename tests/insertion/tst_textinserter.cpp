@@ -8,6 +8,7 @@
 #include <QtTest>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -246,6 +247,58 @@ private Q_SLOTS:
         QCOMPARE(
             m_pasteboard.calls.mid(10), (QStringList { u"clear"_s, u"set:original"_s, u"clear"_s, u"set:first"_s }));
         QCOMPARE(m_pasteboard.text, u"first"_s);
+    }
+
+    void accessibilityAndPasteSayWhereTheTextWent()
+    {
+        QCOMPARE(m_inserter->insert(u"typed"_s), InsertionResult::inserted);
+        m_accessibility.trusted = false;
+        QCOMPARE(m_inserter->insert(u"pasted"_s), InsertionResult::pasted);
+    }
+
+    void aClipboardThatAnswersLaterStillPastesThenRestores()
+    {
+        // A clipboard client program answers each call some milliseconds later.
+        m_accessibility.trusted = false;
+        m_pasteboard.text = u"previous words"_s;
+        m_pasteboard.delay = 30ms;
+        QCOMPARE(m_inserter->insert(u"dictated words"_s), InsertionResult::pasted);
+        QVERIFY(m_keystroke->clipboardAtEachPost.isEmpty()); // still reading the clipboard
+        QTRY_COMPARE(m_keystroke->clipboardAtEachPost, (QList<std::optional<QString>> { u"dictated words"_s }));
+        QTRY_COMPARE(m_pasteboard.text, u"previous words"_s);
+        QCOMPARE(m_pasteboard.calls,
+            (QStringList { u"plainText"_s, u"types"_s, u"clear"_s, u"set:dictated words"_s, u"post"_s, u"clear"_s,
+                u"set:previous words"_s }));
+    }
+
+    void withoutAPasteKeystrokeTheTextStaysOnTheClipboard()
+    {
+        m_accessibility.trusted = false;
+        m_pasteboard.text = u"previous words"_s;
+        m_keystroke->available = false;
+        StdoutCapture out;
+        QCOMPARE(m_inserter->insert(u"dictated words"_s), InsertionResult::leftOnClipboard);
+        QCOMPARE(out.lines(),
+            (QStringList { headline.arg(14), u"   AX: process not trusted"_s, fellBack,
+                u"   → no paste keystroke on this desktop: the text is left on the clipboard"_s }));
+        QTest::qWait(static_cast<int>(TextInserter::restoreDelay.count()) * 2);
+        QCOMPARE(m_pasteboard.text, u"dictated words"_s);
+        QCOMPARE(m_pasteboard.calls, (QStringList { u"clear"_s, u"set:dictated words"_s }));
+        QVERIFY(m_keystroke->clipboardAtEachPost.isEmpty());
+    }
+
+    void withoutAClipboardNothingIsTouched()
+    {
+        m_accessibility.trusted = false;
+        m_pasteboard.text = u"previous words"_s;
+        m_pasteboard.writable = false;
+        StdoutCapture out;
+        QCOMPARE(m_inserter->insert(u"dictated words"_s), InsertionResult::notInserted);
+        QCOMPARE(out.lines().last(), u"   → no clipboard to paste through: the text is only in the history"_s);
+        QTest::qWait(static_cast<int>(TextInserter::restoreDelay.count()) * 2);
+        QVERIFY(m_pasteboard.calls.isEmpty());
+        QCOMPARE(m_pasteboard.text, u"previous words"_s);
+        QVERIFY(m_keystroke->clipboardAtEachPost.isEmpty());
     }
 
     void pendingRestoreDiesWithTheInserter()

@@ -148,6 +148,7 @@ struct Fixture {
     QList<std::pair<QString, std::optional<Tone>>> serviceCalls;
     QStringList history;
     QStringList inserted;
+    InsertionResult insertionResult = InsertionResult::inserted;
     int completions = 0;
     std::weak_ptr<DictationSession> made;
 
@@ -186,6 +187,7 @@ struct Fixture {
         env.insert = [this](const QString& text) {
             inserted << text;
             journal.events << u"insert:"_s + text;
+            return insertionResult;
         };
         env.apiBaseURL = [] { return u"http://127.0.0.1:8000"_s; };
         env.timings = { 300ms, 300ms, 150ms, 80ms };
@@ -544,6 +546,34 @@ private Q_SLOTS:
         QTRY_COMPARE(f.inserted, QStringList { u"um hello there"_s });
         QCOMPARE(f.history, QStringList { u"um hello there"_s });
         QCOMPARE(f.hud->hudState().mode(), HUDMode::success());
+    }
+
+    void textLeftOnTheClipboardIsNamedOnTheCapsule()
+    {
+        Fixture f;
+        f.insertionResult = InsertionResult::leftOnClipboard;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        QTRY_COMPARE(f.inserted, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.history, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Not typed in: paste it, it is on the clipboard"_s));
+        QVERIFY(!f.journal.events.contains(u"hud.showSuccess:Cleaned text."_s));
+        QTRY_COMPARE(f.completions, 1);
+    }
+
+    void textThatWentNowhereSendsTheUserToTheHistory()
+    {
+        Fixture f;
+        f.insertionResult = InsertionResult::notInserted;
+        auto session = f.started();
+        session->transcriptionDidReceiveFinal(u"hello"_s);
+        session->stop();
+        session->transcriptionDidEnd();
+        QTRY_COMPARE(f.history, QStringList { u"Cleaned text."_s });
+        QCOMPARE(f.hud->hudState().mode(), HUDMode::error(u"Not typed in: it is in quillet --history"_s));
+        QTRY_COMPARE(f.completions, 1);
     }
 
     void toneModeRewritesInThePickedTone()

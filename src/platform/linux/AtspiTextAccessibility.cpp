@@ -2,6 +2,8 @@
 
 #include "platform/linux/X11Focus.h"
 
+#include <QCoreApplication>
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
@@ -105,7 +107,10 @@ AtspiAccessible* findFocusedInApplication(AtspiAccessible* application, bool act
     return nullptr;
 }
 
-// The applications registered on the accessibility bus, optionally only the one with this process id.
+// The applications registered on the accessibility bus, optionally only the one with this
+// process id; never this program itself, which cannot answer its own questions while it
+// waits for the answer (on Wayland, with no X focus to name the process, it would stall
+// every search until the bus gives up).
 std::vector<GPtr<AtspiAccessible>> applications(qint64 pid)
 {
     std::vector<GPtr<AtspiAccessible>> result;
@@ -120,7 +125,8 @@ std::vector<GPtr<AtspiAccessible>> applications(qint64 pid)
         GPtr<AtspiAccessible> application(atspi_accessible_get_child_at_index(desktop.get(), i, &error));
         if (failed(error) || !application)
             continue;
-        if (pid != 0 && processId(application.get()) != pid)
+        const qint64 owner = processId(application.get());
+        if ((pid != 0 && owner != pid) || owner == QCoreApplication::applicationPid())
             continue;
         result.push_back(std::move(application));
     }
@@ -420,4 +426,23 @@ std::unique_ptr<AccessibleElement> AtspiTextAccessibility::focusedElement()
             return std::make_unique<AtspiElement>(GPtr<AtspiAccessible>(found));
     }
     return nullptr;
+}
+
+std::optional<QString> AtspiTextAccessibility::focusedApplicationName()
+{
+    if (!isTrusted())
+        return std::nullopt;
+    AtspiAccessible* last = m_connection->lastFocused;
+    if (!last || !hasState(last, ATSPI_STATE_FOCUSED))
+        return std::nullopt;
+    GError* error = nullptr;
+    const GPtr<AtspiAccessible> application(atspi_accessible_get_application(last, &error));
+    if (failed(error) || !application)
+        return std::nullopt;
+    gchar* name = atspi_accessible_get_name(application.get(), &error);
+    if (failed(error) || !name)
+        return std::nullopt;
+    const QString result = QString::fromUtf8(name);
+    g_free(name);
+    return result;
 }

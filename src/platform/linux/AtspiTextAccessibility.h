@@ -2,7 +2,10 @@
 
 #include "platform/TextAccessibility.h"
 
+#include <QString>
+
 #include <memory>
+#include <optional>
 
 // The accessibility interface of the free desktops (AT-SPI, through libatspi).
 // "Trusted" means the accessibility bus answers and is enabled, as it is when
@@ -20,6 +23,9 @@ public:
 
     bool isTrusted() override;
     std::unique_ptr<AccessibleElement> focusedElement() override;
+    // The name the application of the last focused element gives itself on the
+    // accessibility bus ("gnome-terminal-server", "gtk-fields"); absent when unknown.
+    std::optional<QString> focusedApplicationName();
 
     struct Connection;
 

@@ -14,34 +14,38 @@ QClipboard* clipboard()
 
 } // namespace
 
-std::optional<QString> QtClipboardPasteboard::plainText()
+// QClipboard answers at once (it waits for the X11 owner itself), so every task here is
+// finished when it returns.
+QCoro::Task<std::optional<QString>> QtClipboardPasteboard::plainText()
 {
     QClipboard* board = clipboard();
     if (!board)
-        return std::nullopt;
+        co_return std::nullopt;
     const QMimeData* data = board->mimeData(QClipboard::Clipboard);
     if (!data || !data->hasText())
-        return std::nullopt;
-    return data->text();
+        co_return std::nullopt;
+    co_return data->text();
 }
 
-QStringList QtClipboardPasteboard::types()
+QCoro::Task<QStringList> QtClipboardPasteboard::types()
 {
     QClipboard* board = clipboard();
     if (!board)
-        return {};
+        co_return QStringList();
     const QMimeData* data = board->mimeData(QClipboard::Clipboard);
-    return data ? data->formats() : QStringList();
+    co_return data ? data->formats() : QStringList();
 }
 
-void QtClipboardPasteboard::clear()
+QCoro::Task<> QtClipboardPasteboard::clear()
 {
     if (QClipboard* board = clipboard())
         board->clear(QClipboard::Clipboard);
+    co_return;
 }
 
-void QtClipboardPasteboard::setPlainText(const QString& text)
+QCoro::Task<> QtClipboardPasteboard::setPlainText(const QString& text)
 {
     if (QClipboard* board = clipboard())
         board->setText(text, QClipboard::Clipboard);
+    co_return;
 }

@@ -8,8 +8,8 @@
 class QtClipboardPasteboard final : public Pasteboard
 {
 public:
-    std::optional<QString> plainText() override;
-    QStringList types() override;
-    void clear() override;
-    void setPlainText(const QString& text) override;
+    QCoro::Task<std::optional<QString>> plainText() override;
+    QCoro::Task<QStringList> types() override;
+    QCoro::Task<> clear() override;
+    QCoro::Task<> setPlainText(const QString& text) override;
 };

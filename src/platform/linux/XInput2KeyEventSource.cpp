@@ -285,8 +285,3 @@ void XInput2KeyEventSource::findXTestDevices()
     }
     XIFreeDeviceInfo(devices);
 }
-
-std::unique_ptr<KeyEventSource> makeSystemKeyEventSource()
-{
-    return std::make_unique<XInput2KeyEventSource>();
-}

@@ -101,7 +101,13 @@ bool XTestPasteKeystroke::isTerminal(const QString& instanceName, const QString&
     return terminals.contains(instanceName.toLower()) || terminals.contains(className.toLower());
 }
 
-void XTestPasteKeystroke::post()
+QCoro::Task<> XTestPasteKeystroke::post()
+{
+    sendChord();
+    co_return;
+}
+
+void XTestPasteKeystroke::sendChord()
 {
     Display* const display = X11Focus::display();
     if (!display)

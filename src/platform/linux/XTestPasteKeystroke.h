@@ -11,8 +11,12 @@
 class XTestPasteKeystroke final : public PasteKeystroke
 {
 public:
-    void post() override;
+    QCoro::Task<> post() override;
 
     // Whether a window of this WM_CLASS is a terminal emulator, which pastes with Control+Shift+V.
     static bool isTerminal(const QString& instanceName, const QString& className);
+
+private:
+    // The whole chord, delivered to the X server before it returns.
+    void sendChord();
 };

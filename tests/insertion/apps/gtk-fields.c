@@ -2,17 +2,20 @@
  * a slider (an element whose value is a number). The insertion tests drive it
  * over standard input and read back what the user would see; every line it
  * writes is one record:
- *   ready <xid>                              once the window is on screen
+ *   ready <xid>                              once the window is on screen (xid 0: a native
+ *                                            Wayland window)
  *   focus <field>                            a field got the keyboard focus
+ *   unfocus <field>                          a field lost it
  *   key <keyval name> <modifiers>            a key went down ("control+shift", "none")
  *   where <field> <x> <y>                    reply: the field's centre on the screen
  *   text <field> <text> <before caret> <selection>   reply: base64 UTF-8 each
  *   value <field> <number>                   reply for the slider
  *   focused <field or none> <0 or 1>         reply: the window's focus widget, and
  *                                            whether the window has the keyboard
- *   ok                                       reply to "set"
+ *   ok                                       reply to "set" and "grab"
  * Commands: where <field> | get <field> | set <field> <base64 text> <start> <end> | focused
  *           copy-image (puts a small picture, and nothing else, on the clipboard)
+ *           grab <field> (the field takes the window's focus: where no tool can click, as on Wayland)
  */
 #include <gdk/gdkx.h>
 #include <gtk/gtk.h>
@@ -118,6 +121,9 @@ static void command(char* line)
         gtk_widget_translate_coordinates(field(name), window, box.width / 2, box.height / 2, &x, &y);
         gdk_window_get_origin(gtk_widget_get_window(window), &origin_x, &origin_y);
         printf("where %s %d %d\n", name, origin_x + x, origin_y + y);
+    } else if (sscanf(line, "grab %31s", name) == 1 && field(name)) {
+        gtk_widget_grab_focus(field(name));
+        printf("ok\n");
     } else if (sscanf(line, "get %31s", name) == 1 && strcmp(name, "slider") == 0) {
         printf("value slider %g\n", gtk_range_get_value(GTK_RANGE(slider)));
     } else if (sscanf(line, "get %31s", name) == 1 && field(name)) {
@@ -156,6 +162,14 @@ static gboolean on_focus_in(GtkWidget* widget, GdkEvent* event, gpointer data)
     return FALSE;
 }
 
+static gboolean on_focus_out(GtkWidget* widget, GdkEvent* event, gpointer data)
+{
+    (void)event;
+    (void)data;
+    printf("unfocus %s\n", field_name(widget));
+    return FALSE;
+}
+
 static gboolean on_key(GtkWidget* widget, GdkEventKey* event, gpointer data)
 {
     (void)widget;
@@ -179,7 +193,8 @@ static gboolean on_key(GtkWidget* widget, GdkEventKey* event, gpointer data)
 static gboolean announce(gpointer data)
 {
     (void)data;
-    printf("ready %lu\n", (unsigned long)gdk_x11_window_get_xid(gtk_widget_get_window(window)));
+    GdkWindow* shown = gtk_widget_get_window(window);
+    printf("ready %lu\n", GDK_IS_X11_WINDOW(shown) ? (unsigned long)gdk_x11_window_get_xid(shown) : 0UL);
     return G_SOURCE_REMOVE;
 }
 
@@ -218,6 +233,8 @@ int main(int argc, char** argv)
     GtkWidget* fields[] = { entry, textview, slider };
     for (size_t i = 0; i < G_N_ELEMENTS(fields); ++i)
         g_signal_connect(fields[i], "focus-in-event", G_CALLBACK(on_focus_in), NULL);
+    for (size_t i = 0; i < G_N_ELEMENTS(fields); ++i)
+        g_signal_connect(fields[i], "focus-out-event", G_CALLBACK(on_focus_out), NULL);
     g_signal_connect(window, "key-press-event", G_CALLBACK(on_key), NULL);
     g_signal_connect(window, "map-event", G_CALLBACK(on_mapped), NULL);
     g_signal_connect(window, "destroy", G_CALLBACK(gtk_main_quit), NULL);

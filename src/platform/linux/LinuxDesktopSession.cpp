@@ -1,0 +1,133 @@
+#include "platform/DesktopSession.h"
+
+#include "platform/linux/WaylandGlobals.h"
+
+#include <QGuiApplication>
+#include <QStandardPaths>
+
+using namespace Qt::StringLiterals;
+
+namespace DesktopSession {
+
+namespace {
+
+// Set when prepareGuiPlatform() chose the plugin, so the choice is not inherited by
+// the browser, xdg-mime or whatever else the program starts.
+bool platformChosenHere = false;
+
+bool onPath(const QString& tool)
+{
+    return !QStandardPaths::findExecutable(tool).isEmpty();
+}
+
+} // namespace
+
+Type typeFrom(const QString& waylandDisplay, const QString& sessionType)
+{
+    if (!waylandDisplay.isEmpty() || sessionType.compare(u"wayland"_s, Qt::CaseInsensitive) == 0)
+        return Type::wayland;
+    return Type::x11;
+}
+
+QString guiPlatformFor(Type type, bool xDisplay, bool userChosePlatform)
+{
+    if (userChosePlatform || type != Type::wayland)
+        return {};
+    // Without Xwayland the windows are native Wayland ones where Qt's plugin for that is
+    // installed, and else nowhere at all: dictation needs no window, only the capsule does.
+    return xDisplay ? u"xcb"_s : u"wayland;offscreen"_s;
+}
+
+QString describe(const Routes& routes)
+{
+    if (routes.type == Type::x11)
+        return u"desktop session x11: hotkey from XInput2 raw key events; text through AT-SPI, else the clipboard "
+               "and an XTest paste keystroke; capsule as an override-redirect window"_s;
+    QString text = u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, "
+                   "and from compositor bindings (quillet --press, --release, --toggle); text through AT-SPI"_s;
+    if (routes.waylandClipboard() && routes.waylandKeystroke())
+        text += u", else wl-copy and a wtype paste keystroke"_s;
+    else if (routes.waylandClipboard())
+        text += u", else left on the clipboard by wl-copy"_s;
+    text += routes.xDisplay ? u"; capsule as an override-redirect window through Xwayland"_s : u"; no capsule"_s;
+    return text;
+}
+
+QStringList missingRoutes(const Routes& routes)
+{
+    if (routes.type != Type::wayland)
+        return {};
+    QStringList missing;
+    if (!routes.xDisplay)
+        missing << u"no Xwayland (DISPLAY is not set): dictation runs without its capsule, since a native Wayland "
+                   "window would take the keyboard focus from the application the text goes to, and without the "
+                   "tray and windows where Qt's Wayland plugin (qt6-wayland) is not installed"_s;
+    if (!routes.dataControl)
+        missing << u"the compositor offers no data-control clipboard: text AT-SPI cannot insert is kept in the "
+                   "history only (quillet --history)"_s;
+    else if (!routes.clipboardTools)
+        missing << u"wl-copy or wl-paste is missing (package wl-clipboard): text AT-SPI cannot insert is kept in "
+                   "the history only (quillet --history)"_s;
+    if (routes.waylandClipboard() && !routes.virtualKeyboard)
+        missing << u"the compositor accepts no virtual keyboard: text AT-SPI cannot insert is left on the "
+                   "clipboard, to paste by hand"_s;
+    else if (routes.waylandClipboard() && !routes.keystrokeTool)
+        missing << u"wtype is missing (package wtype): text AT-SPI cannot insert is left on the clipboard, to "
+                   "paste by hand"_s;
+    return missing;
+}
+
+Type current()
+{
+    static const Type type
+        = typeFrom(qEnvironmentVariable("WAYLAND_DISPLAY"), qEnvironmentVariable("XDG_SESSION_TYPE"));
+    return type;
+}
+
+Routes currentRoutes()
+{
+    static const Routes routes = [] {
+        Routes found;
+        found.type = current();
+        found.xDisplay = !qEnvironmentVariableIsEmpty("DISPLAY");
+        if (found.type == Type::wayland) {
+            const std::optional<WaylandGlobals> globals = probeWaylandGlobals();
+            found.dataControl = globals && globals->dataControl;
+            found.virtualKeyboard = globals && globals->virtualKeyboard;
+            found.clipboardTools = onPath(u"wl-copy"_s) && onPath(u"wl-paste"_s);
+            found.keystrokeTool = onPath(u"wtype"_s);
+        }
+        return found;
+    }();
+    return routes;
+}
+
+void prepareGuiPlatform()
+{
+    const QString platform = guiPlatformFor(
+        current(), !qEnvironmentVariableIsEmpty("DISPLAY"), qEnvironmentVariableIsSet("QT_QPA_PLATFORM"));
+    if (platform.isEmpty())
+        return;
+    qputenv("QT_QPA_PLATFORM", platform.toUtf8());
+    platformChosenHere = true;
+}
+
+void forgetGuiPlatformChoice()
+{
+    if (platformChosenHere)
+        qunsetenv("QT_QPA_PLATFORM");
+    platformChosenHere = false;
+}
+
+bool canShowUnfocusedWindows()
+{
+    // Native Wayland windows are focused by the compositor, and on a Wayland session the
+    // offscreen platform is what is left without Xwayland and Qt's Wayland plugin: no
+    // window shows there. xcb (X11 or Xwayland) and the test platforms elsewhere are fine.
+    const QString platform = QGuiApplication::platformName();
+    if (platform.startsWith(u"wayland"_s))
+        return false;
+    return !(platform == u"offscreen"_s && current() == Type::wayland);
+}
+
+} // namespace DesktopSession

@@ -1,0 +1,124 @@
+#include "platform/DesktopSession.h"
+
+#include <QtTest>
+
+using namespace Qt::StringLiterals;
+using DesktopSession::Routes;
+using DesktopSession::Type;
+
+// The choice of session and routes, from the environment and what the compositor offers.
+class TestDesktopSession : public QObject
+{
+    Q_OBJECT
+private:
+    static Routes waylandWithEverything()
+    {
+        Routes routes;
+        routes.type = Type::wayland;
+        routes.xDisplay = true;
+        routes.dataControl = true;
+        routes.clipboardTools = true;
+        routes.virtualKeyboard = true;
+        routes.keystrokeTool = true;
+        return routes;
+    }
+
+private Q_SLOTS:
+    void sessionType_data()
+    {
+        QTest::addColumn<QString>("waylandDisplay");
+        QTest::addColumn<QString>("sessionType");
+        QTest::addColumn<Type>("expected");
+        QTest::newRow("plain X") << QString() << QString() << Type::x11;
+        QTest::newRow("X named") << QString() << u"x11"_s << Type::x11;
+        QTest::newRow("compositor socket") << u"wayland-0"_s << QString() << Type::wayland;
+        QTest::newRow("session says wayland") << QString() << u"wayland"_s << Type::wayland;
+        QTest::newRow("either is enough") << u"wayland-1"_s << u"x11"_s << Type::wayland;
+        QTest::newRow("tty login") << QString() << u"tty"_s << Type::x11;
+    }
+    void sessionType()
+    {
+        QFETCH(QString, waylandDisplay);
+        QFETCH(QString, sessionType);
+        QFETCH(Type, expected);
+        QCOMPARE(DesktopSession::typeFrom(waylandDisplay, sessionType), expected);
+    }
+
+    void windowsGoThroughXwaylandOnlyWhereItRunsAndNobodyChoseOtherwise()
+    {
+        QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, true, false), u"xcb"_s);
+        QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, false, false), u"wayland;offscreen"_s);
+        QCOMPARE(DesktopSession::guiPlatformFor(Type::wayland, true, true), QString());
+        QCOMPARE(DesktopSession::guiPlatformFor(Type::x11, true, false), QString());
+    }
+
+    void x11NamesItsRoutesAndLacksNone()
+    {
+        Routes routes;
+        routes.xDisplay = true;
+        QCOMPARE(DesktopSession::describe(routes),
+            u"desktop session x11: hotkey from XInput2 raw key events; text through AT-SPI, else the clipboard and an "
+            "XTest paste keystroke; capsule as an override-redirect window"_s);
+        QVERIFY(DesktopSession::missingRoutes(routes).isEmpty());
+    }
+
+    void waylandWithEveryRoute()
+    {
+        const Routes routes = waylandWithEverything();
+        QCOMPARE(DesktopSession::describe(routes),
+            u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, and from "
+            "compositor bindings (quillet --press, --release, --toggle); text through AT-SPI, else wl-copy and a wtype "
+            "paste keystroke; capsule as an override-redirect window "
+            "through Xwayland"_s);
+        QVERIFY(DesktopSession::missingRoutes(routes).isEmpty());
+    }
+
+    void waylandWithoutXwaylandHasNoCapsule()
+    {
+        Routes routes = waylandWithEverything();
+        routes.xDisplay = false;
+        QVERIFY(DesktopSession::describe(routes).endsWith(u"; no capsule"_s));
+        const QStringList missing = DesktopSession::missingRoutes(routes);
+        QCOMPARE(missing.size(), 1);
+        QVERIFY(missing.first().startsWith(u"no Xwayland (DISPLAY is not set): dictation runs without its capsule"_s));
+    }
+
+    void waylandWithoutDataControlKeepsTheTextInTheHistory()
+    {
+        // GNOME's compositor: no data-control and no virtual keyboard, though the tools are installed.
+        Routes routes = waylandWithEverything();
+        routes.dataControl = false;
+        routes.virtualKeyboard = false;
+        QVERIFY(DesktopSession::describe(routes).contains(u"text through AT-SPI; capsule"_s));
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"the compositor offers no data-control clipboard: text AT-SPI cannot insert is kept in the "
+                          "history only (quillet --history)"_s });
+    }
+
+    void waylandWithoutWtypeLeavesTheTextOnTheClipboard()
+    {
+        Routes routes = waylandWithEverything();
+        routes.keystrokeTool = false;
+        QVERIFY(DesktopSession::describe(routes).contains(u"else left on the clipboard by wl-copy"_s));
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"wtype is missing (package wtype): text AT-SPI cannot insert is left on the clipboard, "
+                          "to paste by hand"_s });
+        routes.keystrokeTool = true;
+        routes.virtualKeyboard = false;
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"the compositor accepts no virtual keyboard: text AT-SPI cannot insert is left on the "
+                          "clipboard, to paste by hand"_s });
+    }
+
+    void waylandWithoutTheClipboardClients()
+    {
+        Routes routes = waylandWithEverything();
+        routes.clipboardTools = false;
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"wl-copy or wl-paste is missing (package wl-clipboard): text AT-SPI cannot insert is kept "
+                          "in the history only (quillet --history)"_s });
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDesktopSession)
+#include "tst_desktopsession.moc"
