@@ -133,7 +133,10 @@ private:
             env.makeStream = [] { return std::make_unique<OneFinalStream>(); };
             env.makeCapture = [] { return std::make_unique<SilentCapture>(); };
             env.addToHistory = [this](const QString& text) { m_history << text; };
-            env.insert = [this](const QString& text) { m_inserted << text; };
+            env.insert = [this](const QString& text) {
+                m_inserted << text;
+                return InsertionResult::inserted;
+            };
             env.makeHUD = [this] { return std::make_unique<QuietHUD>(m_errorsShown); };
             env.cleanup
                 = [](const QString& text) -> QCoro::Task<std::optional<QString>> { co_return u"Cleaned: "_s + text; };

@@ -399,7 +399,10 @@ void TestCapturePulse::aDictationWhoseMicrophoneVanishesKeepsWhatWasHeard()
     env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
     env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
     env.addToHistory = [&](const QString& text) { history << text; };
-    env.insert = [&](const QString& text) { inserted << text; };
+    env.insert = [&](const QString& text) {
+        inserted << text;
+        return InsertionResult::inserted;
+    };
     env.apiBaseURL = [&] { return backend.apiBase(); };
     env.timings = { 5000ms, 5000ms, 200ms, 200ms };
     int completions = 0;

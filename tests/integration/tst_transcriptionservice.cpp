@@ -153,7 +153,10 @@ DictationEnvironment sessionEnvironment(SessionWorld& world, const QString& apiB
     env.cleanup = [](const QString&) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
     env.rewrite = [](const QString&, Tone) -> QCoro::Task<std::optional<QString>> { co_return std::nullopt; };
     env.addToHistory = [&world](const QString& text) { world.history << text; };
-    env.insert = [&world](const QString& text) { world.inserted << text; };
+    env.insert = [&world](const QString& text) {
+        world.inserted << text;
+        return InsertionResult::inserted;
+    };
     env.apiBaseURL = [apiBase] { return apiBase; };
     env.timings = { std::chrono::milliseconds(400), std::chrono::milliseconds(600), std::chrono::milliseconds(100),
         std::chrono::milliseconds(100) };
