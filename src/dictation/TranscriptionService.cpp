@@ -29,6 +29,8 @@ StreamConnectFailure cancelled()
 
 } // namespace
 
+const QString TranscriptionService::keyringLockedMessage = u"Your keyring is locked. Unlock it to use dictation."_s;
+
 static_assert(std::endian::native == std::endian::little, "audio is sent as little-endian PCM");
 
 QString TranscriptionError::errorDescription() const
@@ -89,6 +91,13 @@ QCoro::Task<std::optional<StreamConnectFailure>> TranscriptionService::connect()
         co_return cancelled();
     if (!token) {
         const TranscriptionError error(TranscriptionError::notSignedIn);
+        // A locked keyring (after a suspend, say) is not a sign-out: signing in again would
+        // not help, unlocking does.
+        const KeychainHelper::Read stored = co_await KeychainHelper::loadAsync(KeychainHelper::accessTokenKey);
+        if (!self || m_cancelled)
+            co_return cancelled();
+        if (stored.status == SecretStore::Status::Locked)
+            co_return StreamConnectFailure { error, keyringLockedMessage };
         co_return StreamConnectFailure { error, error.errorDescription() };
     }
 

@@ -102,6 +102,8 @@ public:
     bool gotAnyResponse() const { return m_gotAnyResponse; }
     bool sawError() const { return m_sawError; }
 
+    // What connect() reports for a missing token when the keyring holding it is locked.
+    static const QString keyringLockedMessage;
     // "http://" -> "ws://", "https://" -> "wss://", then "/ws/transcribe" appended.
     static QString streamAddress(const QString& apiBaseURL);
     // The audio message for these samples (little-endian PCM in standard base64).

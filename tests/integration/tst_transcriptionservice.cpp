@@ -436,6 +436,18 @@ private Q_SLOTS:
         m_service->sendAudio(ramp(10));
     }
 
+    void aLockedKeyringSaysSoInsteadOfSignIn()
+    {
+        m_store->locked = true;
+        const std::optional<StreamConnectFailure> failure = QCoro::waitFor(m_service->connect());
+        m_store->locked = false;
+        QVERIFY(failure.has_value());
+        QCOMPARE(failure->description, u"Your keyring is locked. Unlock it to use dictation."_s);
+        QCOMPARE(failure->description, TranscriptionService::keyringLockedMessage);
+        QTest::qWait(50);
+        QCOMPARE(m_server->connections, 0);
+    }
+
     void cancelClosesWithCode1000()
     {
         m_server->script = { ScriptedStreamServer::text(j("{'type':'partial','text':'x'}")) };
