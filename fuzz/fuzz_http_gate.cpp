@@ -197,12 +197,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     // One answer per whole request, then the closing request. A refusal is written as soon
     // as the gate reads the bad bytes, so it may come instead of the answers to requests
-    // that arrived with them (the client learns the connection is over either way).
-    // QHttpServer may also close a connection on bytes it cannot parse before the gate has
-    // framed them, without an answer: the connection is over, which is all a client can ask.
+    // that arrived with them (the client learns the connection is over either way); it is
+    // the one answer that closes the connection. QHttpServer may also close a connection on
+    // bytes it cannot parse before the gate has framed them, without an answer, after the
+    // answers to the whole requests before them: the connection is over, which is all a
+    // client can ask.
     if (refusal == 0 ? responses.size() != wanted : responses.size() > wanted)
         __builtin_trap();
-    const qsizetype answeredBeforeRefusal = refusal == 0 ? answered : std::max<qsizetype>(0, responses.size() - 1);
+    const bool refused = refusal != 0 && !responses.isEmpty() && responses.last().close;
+    const qsizetype answeredBeforeRefusal = refused ? responses.size() - 1 : std::min(responses.size(), answered);
     for (qsizetype i = 0; i < answeredBeforeRefusal; ++i) {
         const HttpRequestHead& head = expected.at(i).head;
         const Response& response = responses.at(i);
@@ -217,7 +220,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // QHttpServer gives up on a request line it cannot parse as soon as it reads it, which
     // can be before the gate has seen the end of the head; the gate then answers 408 when
     // the head's time is up.
-    if (refusal != 0 && !responses.isEmpty() && responses.last().status != refusal && responses.last().status != 408)
+    if (refused && responses.last().status != refusal && responses.last().status != 408)
         __builtin_trap();
     return 0;
 }
