@@ -14,20 +14,6 @@ namespace {
 
 const QString clip = u"/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_01_austen_64kb-0880.wav"_s;
 
-// The newest entry of `quillet --history`: its text, without the date.
-std::optional<QString> newestHistoryText(QuilletProgram& program)
-{
-    QByteArray output;
-    if (program.runAgain({ u"--history"_s }, &output) != 0)
-        return std::nullopt;
-    const QStringList lines = QString::fromUtf8(output).split(u'\n', Qt::SkipEmptyParts);
-    if (lines.isEmpty() || lines.first() == u"No dictations recorded yet."_s)
-        return std::nullopt;
-    static const QRegularExpression dated(u"^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  (.*)$"_s);
-    const auto match = dated.match(lines.first());
-    return match.hasMatch() ? std::optional(match.captured(1)) : std::nullopt;
-}
-
 int historyCount(QuilletProgram& program)
 {
     QByteArray output;
@@ -123,7 +109,7 @@ private Q_SLOTS:
 
         // The text was recorded before it was inserted; the field shows exactly that text.
         std::optional<QString> recorded;
-        QVERIFY(QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return (recorded = m_program->newestHistoryText()).has_value(); }, 10000));
         QVERIFY(!recorded->isEmpty());
         const auto shown = m_gtk->waitForText(u"entry"_s, *recorded);
         QVERIFY(shown);
@@ -167,7 +153,7 @@ private Q_SLOTS:
         std::optional<QString> recorded;
         QVERIFY(QTest::qWaitFor(
             [&] {
-                recorded = newestHistoryText(*m_program);
+                recorded = m_program->newestHistoryText();
                 return recorded && m_gtk->content(u"entry"_s) && !m_gtk->content(u"entry"_s)->text.isEmpty();
             },
             15000));

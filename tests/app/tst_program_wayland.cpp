@@ -17,20 +17,6 @@ namespace {
 
 const QString clip = u"/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_01_austen_64kb-0880.wav"_s;
 
-// The newest entry of `quillet --history`: its text, without the date.
-std::optional<QString> newestHistoryText(QuilletProgram& program)
-{
-    QByteArray output;
-    if (program.runAgain({ u"--history"_s }, &output) != 0)
-        return std::nullopt;
-    const QStringList lines = QString::fromUtf8(output).split(u'\n', Qt::SkipEmptyParts);
-    if (lines.isEmpty() || lines.first() == u"No dictations recorded yet."_s)
-        return std::nullopt;
-    static const QRegularExpression dated(u"^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  (.*)$"_s);
-    const auto match = dated.match(lines.first());
-    return match.hasMatch() ? std::optional(match.captured(1)) : std::nullopt;
-}
-
 bool sway(const QString& command)
 {
     QByteArray reply;
@@ -108,7 +94,7 @@ private:
         if (!m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, from))
             return std::nullopt;
         std::optional<QString> recorded;
-        if (!QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000))
+        if (!QTest::qWaitFor([&] { return (recorded = m_program->newestHistoryText()).has_value(); }, 10000))
             return std::nullopt;
         return recorded;
     }
@@ -295,7 +281,7 @@ private Q_SLOTS:
         QVERIFY(m_program->waitForLine(u"🛑 [Quillet] hotkeyEnded"_s, from));
         QVERIFY(m_program->waitForLine(u"🏁 [Quillet] transcriptionDidEnd"_s, from));
         std::optional<QString> recorded;
-        QVERIFY(QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return (recorded = m_program->newestHistoryText()).has_value(); }, 10000));
         const auto shown = m_field->waitForText(u"entry"_s, *recorded);
         QVERIFY(shown);
         QCOMPARE(shown->text, *recorded);
@@ -323,7 +309,7 @@ private Q_SLOTS:
                          u"1"_s }),
             0);
         QVERIFY(m_program->waitForLine(u"✏️ [Quillet] TextInserter.insert"_s, from));
-        QVERIFY(QTest::qWaitFor([&] { return (recorded = newestHistoryText(*m_program)).has_value(); }, 10000));
+        QVERIFY(QTest::qWaitFor([&] { return (recorded = m_program->newestHistoryText()).has_value(); }, 10000));
         const auto rewritten = m_field->waitForText(u"entry"_s, *recorded);
         QVERIFY(rewritten);
         QCOMPARE(rewritten->text, *recorded);

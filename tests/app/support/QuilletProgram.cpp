@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -75,6 +76,22 @@ int QuilletProgram::runAgain(const QStringList& arguments, QByteArray* output)
     if (output)
         *output = again.readAll();
     return again.exitStatus() == QProcess::NormalExit ? again.exitCode() : -1;
+}
+
+std::optional<QString> QuilletProgram::newestHistoryText()
+{
+    QByteArray output;
+    if (runAgain({ u"--history"_s }, &output) != 0)
+        return std::nullopt;
+    // Entries are printed newest first, each after its date; a note on skipped entries
+    // may come before them.
+    static const QRegularExpression dated(u"^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  (.*)$"_s);
+    for (const QString& line : QString::fromUtf8(output).split(u'\n', Qt::SkipEmptyParts)) {
+        const auto match = dated.match(line);
+        if (match.hasMatch())
+            return match.captured(1);
+    }
+    return std::nullopt;
 }
 
 void QuilletProgram::readLines()

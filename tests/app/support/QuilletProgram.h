@@ -36,6 +36,9 @@ public:
     // Runs the same copy once more (a second start, --history, a link) to its end; the exit code, or -1.
     int runAgain(const QStringList& arguments, QByteArray* output = nullptr);
 
+    // The newest entry `--history` prints, without its date; nothing while there is none.
+    std::optional<QString> newestHistoryText();
+
     // Every line so far, oldest first.
     QList<Line> lines();
     // Waits for a line starting with prefix that arrived after index `from`; its index.
