@@ -187,6 +187,14 @@ HttpRequestHead HttpFramer::parseHead(QByteArrayView head, const HttpLimits& lim
         = result.version == "HTTP/1.1" ? !hasToken(connection, "close") : hasToken(connection, "keep-alive");
     result.upgradeToWebSocket = result.method == "GET" && hasToken(connection, "upgrade")
         && result.value("upgrade").compare("websocket", Qt::CaseInsensitive) == 0;
+    // QHttpServer's parser reads no more HTTP after a request that asks for any upgrade
+    // (an Upgrade field with "upgrade" in Connection, whatever the method or protocol, or
+    // the method CONNECT). A WebSocket GET is the only upgrade this server takes; any other
+    // is refused, so the gate and QHttpServer never disagree about where HTTP ends.
+    const bool asksForUpgrade
+        = (hasToken(connection, "upgrade") && result.has("upgrade")) || result.method == "CONNECT";
+    if (asksForUpgrade && !result.upgradeToWebSocket)
+        return result;
     *status = 0;
     return result;
 }

@@ -70,6 +70,13 @@ private Q_SLOTS:
         QTest::newRow("upgrade stops") << QByteArray(
             "GET /ws HTTP/1.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\n"
             "\x81\x85 frame bytes") << QByteArray("H");
+        QTest::newRow("upgrade with another method") << QByteArray(
+            "POST /ws/transcribe HTTP/1.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n\r\nGET / HTTP/1.1\r\n\r\n")
+                                                     << QByteArray("E400");
+        QTest::newRow("upgrade to another protocol") << QByteArray(
+            "GET / HTTP/1.1\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n\r\nGET / HTTP/1.1\r\n\r\n")
+                                                     << QByteArray("E400");
+        QTest::newRow("connect") << QByteArray("CONNECT a:443 HTTP/1.1\r\nHost: a:443\r\n\r\n") << QByteArray("E400");
         QTest::newRow("length too large")
             << QByteArray("POST / HTTP/1.1\r\nContent-Length: 1048577\r\n\r\n") << QByteArray("E413");
         QTest::newRow("length at the limit") << QByteArray("POST / HTTP/1.1\r\nContent-Length: 1048576\r\n\r\n")
