@@ -38,6 +38,8 @@ packages=(
   # the Debian packages: icons drawn from the SVG, manual pages from --help, and the
   # checks the package test runs (lintian, desktop-file-validate, appstreamcli)
   librsvg2-bin help2man lintian desktop-file-utils appstream
+  # CPack reads each file's type with file(1) and library dependencies with dpkg-shlibdeps
+  file dpkg-dev
   # NIST's sclite scores the server's transcripts against reference texts (scripts/wer.sh)
   sctk
   # replicas of the local backend: accounts in PostgreSQL through Qt's driver, HAProxy in front
