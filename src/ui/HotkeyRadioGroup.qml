@@ -10,6 +10,7 @@ ColumnLayout {
     id: group
 
     required property HotkeySelection selection
+    readonly property bool desktopText: selection.desktopNote !== ""
     // Emitted when the user picks a choice (not when the store changes elsewhere).
     signal picked(int index)
 
@@ -29,6 +30,9 @@ ColumnLayout {
 
             objectName: "hotkeyChoice" + index
             text: modelData
+            // Closer rows where the desktop's text needs the room (Wayland).
+            topPadding: group.desktopText ? 1 : undefined
+            bottomPadding: group.desktopText ? 1 : undefined
             checked: group.selection.currentIndex === index
             ButtonGroup.group: buttons
             onClicked: {

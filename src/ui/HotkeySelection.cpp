@@ -55,14 +55,13 @@ QString HotkeySelection::desktopNote() const
     case DesktopShortcut::Status::keyboard:
         return {};
     case DesktopShortcut::Status::asking:
-        return u"On Wayland the desktop owns the keys: Quillet is asking it to bind "
-               "\u201CHold to dictate\u201D."_s;
+        return u"On Wayland the desktop binds the key: asking it for \u201CHold to dictate\u201D\u2026"_s;
     case DesktopShortcut::Status::bound:
-        return u"On Wayland the desktop owns the keys: hold %1 to dictate (\u201CHold to dictate\u201D in "
-               "its shortcut settings). The choice above sets the double tap."_s.arg(m_desktop.trigger());
+        return u"On Wayland the desktop binds the key: hold %1 to dictate. The choice above sets the "
+               "double tap."_s.arg(m_desktop.trigger());
     case DesktopShortcut::Status::unbound:
-        return u"On Wayland the desktop owns the keys and bound none. In your desktop\u2019s keyboard shortcut "
-               "settings, run quillet --toggle; or hold to talk with compositor bindings, in sway:"_s;
+        return u"On Wayland the desktop bound no key. In its shortcut settings run quillet --toggle, or hold "
+               "to talk with sway bindings:"_s;
     }
     return {};
 }

@@ -97,7 +97,7 @@ private Q_SLOTS:
         HotkeySelection selection(*store, nullptr, desktop);
         desktop.setBound(QString()); // registered, but the desktop names no key
         QCOMPARE(desktop.status(), DesktopShortcut::Status::unbound);
-        QVERIFY(selection.desktopNote().contains(u"bound none"_s));
+        QVERIFY(selection.desktopNote().contains(u"bound no key"_s));
         QVERIFY(selection.bindingSnippet().contains(u"bindsym --release Menu exec quillet --release"_s));
 
         // A key bound later replaces the instructions.

@@ -179,7 +179,12 @@ void TestSettingsWindow::waylandHotkeyTextFitsAndFollowsTheDesktop()
     // Everything stays inside the fixed window, the last row included.
     for (const QString& name : { u"desktopNote"_s, u"bindingSnippet"_s, u"inputDevicePicker"_s, u"startAtLoginSwitch"_s,
              u"checkForUpdatesButton"_s })
-        QVERIFY2(inside(item(name)), qPrintable(name));
+        QVERIFY2(inside(item(name)),
+            qPrintable(u"%1 at %2,%3 %4x%5"_s.arg(name)
+                           .arg(item(name)->mapRectToItem(root, item(name)->boundingRect()).x())
+                           .arg(item(name)->mapRectToItem(root, item(name)->boundingRect()).y())
+                           .arg(item(name)->width())
+                           .arg(item(name)->height())));
     // The snippet's lines are not wrapped: one line of text each.
     QVERIFY2(snippet->property("lineCount").toInt() == 2, qPrintable(snippet->property("lineCount").toString()));
 
