@@ -82,7 +82,8 @@ ColumnLayout {
         selectByMouse: true
         wrapMode: TextEdit.WrapAnywhere
         font.family: "monospace"
-        font.pixelSize: 10
+        // Menu's lines just fit the settings window at 10 px; longer key names take 9.
+        font.pixelSize: text.length > 91 ? 9 : 10
         color: keyboardNote.color
         selectionColor: keyboardNote.palette.highlight
         selectedTextColor: keyboardNote.palette.highlightedText

@@ -196,6 +196,14 @@ void TestSettingsWindow::waylandHotkeyTextFitsAndFollowsTheDesktop()
     DesktopShortcut::shared().setBound(u"Ctrl+Alt+D"_s);
     QTRY_VERIFY(note->property("text").toString().contains(u"hold Ctrl+Alt+D to dictate"_s));
     QVERIFY(inside(note) && inside(item(u"checkForUpdatesButton"_s)));
+
+    // The longest key name's lines still fit, unwrapped.
+    SettingsStore::shared().setHotkey(Hotkey::capsLock);
+    DesktopShortcut::shared().setUnbound();
+    QTRY_VERIFY(snippet->isVisible());
+    QVERIFY(snippet->property("text").toString().startsWith(u"bindsym --no-repeat Caps_Lock exec quillet --press\n"_s));
+    QTRY_COMPARE(snippet->property("lineCount").toInt(), 2);
+    QVERIFY(inside(snippet) && inside(item(u"checkForUpdatesButton"_s)));
 }
 
 void TestSettingsWindow::deviceListHasTheSessionMicrophoneAndNoMonitor()
