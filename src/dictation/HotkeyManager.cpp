@@ -25,17 +25,7 @@ void HotkeyManager::setDelegate(QObject* owner, HotkeyManagerDelegate* delegate)
 QString HotkeyManager::shortcutTrigger(Hotkey hotkey)
 {
     // Key names of the XDG shortcuts notation, for desktops that bind the key themselves.
-    switch (hotkey) {
-    case Hotkey::fn:
-        return u"Menu"_s; // the key that stands in for fn
-    case Hotkey::rightOption:
-        return u"Alt_R"_s;
-    case Hotkey::rightCommand:
-        return u"Super_R"_s;
-    case Hotkey::capsLock:
-        return u"Caps_Lock"_s;
-    }
-    return {};
+    return Hotkeys::shortcutKeyName(hotkey);
 }
 
 void HotkeyManager::registerTap()

@@ -54,3 +54,18 @@ quint64 Hotkeys::modifierFlag(Hotkey hotkey)
 {
     return info(hotkey).flag;
 }
+
+QString Hotkeys::shortcutKeyName(Hotkey hotkey)
+{
+    switch (hotkey) {
+    case Hotkey::fn:
+        return u"Menu"_s; // the key that stands in for fn
+    case Hotkey::rightOption:
+        return u"Alt_R"_s;
+    case Hotkey::rightCommand:
+        return u"Super_R"_s;
+    case Hotkey::capsLock:
+        return u"Caps_Lock"_s;
+    }
+    return {};
+}

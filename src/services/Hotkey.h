@@ -35,5 +35,9 @@ QString displayName(Hotkey hotkey);
 qint64 keyCode(Hotkey hotkey);
 // The modifier-flag bit that is set while the key is held.
 quint64 modifierFlag(Hotkey hotkey);
+// The key as a desktop's shortcut settings and compositor bindings name it (XDG
+// shortcuts notation, X keysym names): "Menu" for fn (the key that stands in for it),
+// "Alt_R", "Super_R", "Caps_Lock".
+QString shortcutKeyName(Hotkey hotkey);
 
 } // namespace Hotkeys

@@ -263,6 +263,10 @@ private Q_SLOTS:
         QVERIFY(m_program->start());
         QVERIFY(waitForBackend("bound dictate Menu|Hold to dictate"));
         QVERIFY(m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Menu"_s));
+        // The user gives it another key in the desktop's settings: the frontend passes ShortcutsChanged on.
+        m_backend.write("rebind Ctrl+Alt+D\n");
+        QVERIFY(m_program->waitForLine(
+            u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Ctrl+Alt+D"_s));
 
         m_field.reset();
         m_field = std::make_unique<FieldApp>(QStringLiteral(QUILLET_GTK_FIELDS));

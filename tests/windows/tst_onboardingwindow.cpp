@@ -1,6 +1,7 @@
 #include "WindowTestTools.h"
 
 #include "TestInfoFile.h"
+#include "platform/DesktopShortcut.h"
 #include "services/SettingsStore.h"
 #include "ui/OnboardingState.h"
 #include "ui/OnboardingWindow.h"
@@ -71,6 +72,7 @@ private Q_SLOTS:
     void walkThroughEveryStep();
     void microphoneStepOffersAllowWhenTheDefaultSourceIsNoMicrophone();
     void openSystemSettingsSwitchesAccessibilityOn();
+    void waylandHotkeyStepSaysWhatTheDesktopBound();
     void closeButtonEmitsClosed();
 
 private:
@@ -104,6 +106,7 @@ void TestOnboardingWindow::init()
 void TestOnboardingWindow::cleanup()
 {
     m_window.reset();
+    DesktopShortcut::shared().setKeyboard();
 }
 
 void TestOnboardingWindow::showWindow()
@@ -279,6 +282,32 @@ void TestOnboardingWindow::openSystemSettingsSwitchesAccessibilityOn()
     QTRY_COMPARE(accessibilityEnabled(), std::optional<bool>(true));
     QTRY_COMPARE(text(in(u"accessibilityStep"_s, u"emoji"_s)), kCheck);
     QCOMPARE(step(), 2);
+}
+
+void TestOnboardingWindow::waylandHotkeyStepSaysWhatTheDesktopBound()
+{
+    // As on a Wayland session whose desktop has no GlobalShortcuts portal.
+    DesktopShortcut::shared().setUnbound();
+    SHOW_WINDOW();
+    root()->setProperty("step", 3);
+    QQuickItem* page = stepPage(u"hotkeyStep"_s);
+    const QRectF window(QPointF(0, 0), root()->size());
+    const auto inside = [&](QQuickItem* it) { return window.contains(it->mapRectToItem(root(), it->boundingRect())); };
+    QQuickItem* note = in(u"hotkeyStep"_s, u"desktopNote"_s);
+    QQuickItem* snippet = in(u"hotkeyStep"_s, u"bindingSnippet"_s);
+    QTRY_VERIFY(page->isVisible() && note->isVisible() && snippet->isVisible());
+    QVERIFY(!in(u"hotkeyStep"_s, u"keyboardNote"_s)->isVisible());
+    QVERIFY(text(note).contains(u"run quillet --toggle"_s));
+    QCOMPARE(text(snippet),
+        u"bindsym --no-repeat Menu exec quillet --press\nbindsym --release Menu exec quillet --release"_s);
+    QCOMPARE(snippet->property("lineCount").toInt(), 2);
+    for (const QString& name : { u"bindingSnippet"_s, u"hotkeyIndicator"_s, u"primaryButton"_s })
+        QVERIFY2(inside(in(u"hotkeyStep"_s, name)), qPrintable(name));
+
+    // The portal's answer arrives while the step shows.
+    DesktopShortcut::shared().setBound(u"Menu"_s);
+    QTRY_VERIFY(!snippet->isVisible());
+    QVERIFY2(text(note).contains(u"hold Menu to dictate"_s), qPrintable(text(note)));
 }
 
 void TestOnboardingWindow::closeButtonEmitsClosed()

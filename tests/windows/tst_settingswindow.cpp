@@ -1,6 +1,7 @@
 #include "WindowTestTools.h"
 
 #include "TestInfoFile.h"
+#include "platform/DesktopShortcut.h"
 #include "services/SettingsStore.h"
 #include "ui/SettingsWindow.h"
 
@@ -63,6 +64,7 @@ private Q_SLOTS:
     void cleanup();
     void windowIsFixedTitledAndCentred();
     void hotkeyRadiosWriteTheStore();
+    void waylandHotkeyTextFitsAndFollowsTheDesktop();
     void deviceListHasTheSessionMicrophoneAndNoMonitor();
     void choosingADeviceStoresItsNameAndSystemDefaultRemovesIt();
     void aDeviceThatIsGoneKeepsItsValue();
@@ -96,6 +98,7 @@ void TestSettingsWindow::init()
 void TestSettingsWindow::cleanup()
 {
     m_window.reset();
+    DesktopShortcut::shared().setKeyboard();
 }
 
 void TestSettingsWindow::showWindow()
@@ -148,6 +151,59 @@ void TestSettingsWindow::hotkeyRadiosWriteTheStore()
     SettingsStore::shared().setHotkey(Hotkey::capsLock);
     QVERIFY(item(u"hotkeyChoice3"_s)->property("checked").toBool());
     QVERIFY(!item(u"hotkeyChoice2"_s)->property("checked").toBool());
+}
+
+void TestSettingsWindow::waylandHotkeyTextFitsAndFollowsTheDesktop()
+{
+    // As on a Wayland session whose desktop has no GlobalShortcuts portal.
+    DesktopShortcut::shared().setAsking();
+    DesktopShortcut::shared().setUnbound();
+    SHOW_WINDOW();
+    QQuickItem* root = m_window->rootItem();
+    const QRectF window(QPointF(0, 0), root->size());
+    const auto inside = [&](QQuickItem* it) {
+        const QRectF rect = it->mapRectToItem(root, it->boundingRect());
+        return window.contains(rect);
+    };
+    QVERIFY(!item(u"keyboardNote"_s)->isVisible());
+    QQuickItem* note = item(u"desktopNote"_s);
+    QQuickItem* snippet = item(u"bindingSnippet"_s);
+    QVERIFY(note->isVisible() && snippet->isVisible());
+    QVERIFY2(note->property("text").toString().contains(u"run quillet --toggle"_s),
+        qPrintable(note->property("text").toString()));
+    QCOMPARE(snippet->property("text").toString(),
+        u"bindsym --no-repeat Menu exec quillet --press\nbindsym --release Menu exec quillet --release"_s);
+    // Text to copy into a configuration file.
+    QVERIFY(snippet->property("selectByMouse").toBool());
+    QVERIFY(snippet->property("readOnly").toBool());
+    // Everything stays inside the fixed window, the last row included.
+    for (const QString& name : { u"desktopNote"_s, u"bindingSnippet"_s, u"inputDevicePicker"_s, u"startAtLoginSwitch"_s,
+             u"checkForUpdatesButton"_s })
+        QVERIFY2(inside(item(name)),
+            qPrintable(u"%1 at %2,%3 %4x%5"_s.arg(name)
+                           .arg(item(name)->mapRectToItem(root, item(name)->boundingRect()).x())
+                           .arg(item(name)->mapRectToItem(root, item(name)->boundingRect()).y())
+                           .arg(item(name)->width())
+                           .arg(item(name)->height())));
+    // The snippet's lines are not wrapped: one line of text each.
+    QVERIFY2(snippet->property("lineCount").toInt() == 2, qPrintable(snippet->property("lineCount").toString()));
+
+    // The desktop binds the shortcut while the window is open, then the user changes its key.
+    DesktopShortcut::shared().setBound(u"Menu"_s);
+    QTRY_VERIFY(!snippet->isVisible());
+    QVERIFY2(note->property("text").toString().contains(u"hold Menu to dictate"_s),
+        qPrintable(note->property("text").toString()));
+    DesktopShortcut::shared().setBound(u"Ctrl+Alt+D"_s);
+    QTRY_VERIFY(note->property("text").toString().contains(u"hold Ctrl+Alt+D to dictate"_s));
+    QVERIFY(inside(note) && inside(item(u"checkForUpdatesButton"_s)));
+
+    // The longest key name's lines still fit, unwrapped.
+    SettingsStore::shared().setHotkey(Hotkey::capsLock);
+    DesktopShortcut::shared().setUnbound();
+    QTRY_VERIFY(snippet->isVisible());
+    QVERIFY(snippet->property("text").toString().startsWith(u"bindsym --no-repeat Caps_Lock exec quillet --press\n"_s));
+    QTRY_COMPARE(snippet->property("lineCount").toInt(), 2);
+    QVERIFY(inside(snippet) && inside(item(u"checkForUpdatesButton"_s)));
 }
 
 void TestSettingsWindow::deviceListHasTheSessionMicrophoneAndNoMonitor()

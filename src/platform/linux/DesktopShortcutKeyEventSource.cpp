@@ -1,5 +1,6 @@
 #include "platform/linux/DesktopShortcutKeyEventSource.h"
 
+#include "platform/DesktopShortcut.h"
 #include "platform/linux/GlobalShortcutsPortal.h"
 
 using namespace Qt::StringLiterals;
@@ -17,13 +18,17 @@ KeyEventSourceStatus DesktopShortcutKeyEventSource::start(Handler handler)
         [this] { deliver(KeyEventType::shortcutPressed); });
     QObject::connect(m_portal.get(), &GlobalShortcutsPortal::released, m_portal.get(),
         [this] { deliver(KeyEventType::shortcutReleased); });
+    // The windows that explain the hotkey show what the desktop did with it.
+    DesktopShortcut::shared().setAsking();
     QObject::connect(m_portal.get(), &GlobalShortcutsPortal::bound, m_portal.get(), [this](const QString& trigger) {
+        DesktopShortcut::shared().setBound(trigger);
         notice(trigger.isEmpty()
                 ? u"GlobalShortcuts portal: \"Hold to dictate\" is registered; the desktop names no key for it yet "
                   "(choose one in its shortcut settings)"_s
                 : u"GlobalShortcuts portal: \"Hold to dictate\" is bound to %1"_s.arg(trigger));
     });
     QObject::connect(m_portal.get(), &GlobalShortcutsPortal::unavailable, m_portal.get(), [this](const QString& why) {
+        DesktopShortcut::shared().setUnbound();
         notice(u"GlobalShortcuts portal: %1; compositor bindings (quillet --press, --release) still work"_s.arg(why));
     });
     m_portal->start(m_preferredTrigger);

@@ -46,6 +46,25 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, PortalShortcut& s
 Q_DECLARE_METATYPE(PortalShortcut)
 Q_DECLARE_METATYPE(PortalShortcutList)
 
+namespace {
+
+// The trigger description of our shortcut in an a(sa{sv}) list, or empty.
+QString triggerIn(const QVariant& listed)
+{
+    QString trigger;
+    if (!listed.canConvert<QDBusArgument>())
+        return trigger;
+    PortalShortcutList shortcuts;
+    listed.value<QDBusArgument>() >> shortcuts;
+    for (const PortalShortcut& shortcut : std::as_const(shortcuts)) {
+        if (shortcut.id == QLatin1StringView(GlobalShortcutsPortal::shortcutId))
+            trigger = shortcut.properties.value(u"trigger_description"_s).toString();
+    }
+    return trigger;
+}
+
+} // namespace
+
 GlobalShortcutsPortal::GlobalShortcutsPortal(QObject* parent)
     : QObject(parent)
 {
@@ -125,6 +144,9 @@ void GlobalShortcutsPortal::onSessionResponse(uint response, const QVariantMap& 
         SLOT(onActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
     bus.connect(portalService, portalPath, shortcutsInterface, u"Deactivated"_s, this,
         SLOT(onDeactivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
+    // The user may give the shortcut another key in the desktop's settings later.
+    bus.connect(portalService, portalPath, shortcutsInterface, u"ShortcutsChanged"_s, this,
+        SLOT(onShortcutsChanged(QDBusMessage)));
 
     const QString token = u"quillet_bind"_s;
     m_bindRequest = requestPath(token);
@@ -156,17 +178,15 @@ void GlobalShortcutsPortal::onBindResponse(uint response, const QVariantMap& res
         Q_EMIT unavailable(u"the shortcut was not bound (cancelled in the desktop's dialog)"_s);
         return;
     }
-    QString trigger;
-    const QVariant listed = results.value(u"shortcuts"_s);
-    if (listed.canConvert<QDBusArgument>()) {
-        PortalShortcutList shortcuts;
-        listed.value<QDBusArgument>() >> shortcuts;
-        for (const PortalShortcut& shortcut : std::as_const(shortcuts)) {
-            if (shortcut.id == QLatin1StringView(shortcutId))
-                trigger = shortcut.properties.value(u"trigger_description"_s).toString();
-        }
-    }
-    Q_EMIT bound(trigger);
+    Q_EMIT bound(triggerIn(results.value(u"shortcuts"_s)));
+}
+
+void GlobalShortcutsPortal::onShortcutsChanged(const QDBusMessage& message)
+{
+    const QVariantList arguments = message.arguments();
+    if (arguments.size() < 2 || arguments.at(0).value<QDBusObjectPath>().path() != m_session)
+        return;
+    Q_EMIT bound(triggerIn(arguments.at(1)));
 }
 
 void GlobalShortcutsPortal::onActivated(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QObject>
 #include <QString>
@@ -27,7 +28,8 @@ public:
 Q_SIGNALS:
     void pressed();
     void released();
-    // The desktop bound the shortcut; trigger is how it describes the key (may be empty).
+    // The desktop bound the shortcut, or changed its key later (ShortcutsChanged);
+    // trigger is how it describes the key (may be empty).
     void bound(const QString& trigger);
     // No portal, or it refused: why, in a sentence.
     void unavailable(const QString& why);
@@ -35,6 +37,8 @@ Q_SIGNALS:
 private Q_SLOTS:
     void onSessionResponse(uint response, const QVariantMap& results);
     void onBindResponse(uint response, const QVariantMap& results);
+    // ShortcutsChanged(o session_handle, a(sa{sv}) shortcuts), read from the message.
+    void onShortcutsChanged(const QDBusMessage& message);
     void onActivated(
         const QDBusObjectPath& session, const QString& id, qulonglong timestamp, const QVariantMap& options);
     void onDeactivated(

@@ -1,6 +1,7 @@
 // A GlobalShortcuts portal backend (org.freedesktop.impl.portal.GlobalShortcuts) that
 // the real xdg-desktop-portal frontend talks to, driven by a test over standard input:
 //   press | release        the bound shortcut goes down or up (Activated, Deactivated)
+//   rebind <trigger>       the user gave the shortcut another key (ShortcutsChanged)
 // It writes one line per event:
 //   ready                  its bus name is taken
 //   session <app id>       a client created a session (app id empty when unsandboxed)
@@ -56,6 +57,7 @@ public:
 
     QDBusObjectPath session;
     QString boundId;
+    QVariant boundDescription;
 
 public Q_SLOTS:
     uint CreateSession(const QDBusObjectPath& handle, const QDBusObjectPath& sessionHandle, const QString& appId,
@@ -82,6 +84,7 @@ public Q_SLOTS:
             std::printf("bound %s %s|%s\n", qPrintable(shortcut.id), qPrintable(trigger),
                 qPrintable(shortcut.properties.value(u"description"_s).toString()));
             boundId = shortcut.id;
+            boundDescription = shortcut.properties.value(u"description"_s);
             bound.append({ shortcut.id,
                 { { u"description"_s, shortcut.properties.value(u"description"_s) },
                     { u"trigger_description"_s, trigger } } });
@@ -103,6 +106,7 @@ Q_SIGNALS:
         const QVariantMap& options);
     void Deactivated(const QDBusObjectPath& session_handle, const QString& shortcut_id, qulonglong timestamp,
         const QVariantMap& options);
+    void ShortcutsChanged(const QDBusObjectPath& session_handle, const ShortcutList& shortcuts);
 };
 
 int main(int argc, char* argv[])
@@ -136,6 +140,11 @@ int main(int argc, char* argv[])
                 Q_EMIT backend.Activated(backend.session, backend.boundId, now, {});
             else if (command == "release")
                 Q_EMIT backend.Deactivated(backend.session, backend.boundId, now, {});
+            else if (command.startsWith("rebind "))
+                Q_EMIT backend.ShortcutsChanged(backend.session,
+                    { { backend.boundId,
+                        { { u"description"_s, backend.boundDescription },
+                            { u"trigger_description"_s, QString::fromUtf8(command.mid(7)) } } } });
         }
     });
     return QCoreApplication::exec();
