@@ -307,7 +307,18 @@ private Q_SLOTS:
         // The capsule offers the tones: a click on the first, "Professional", through Xwayland.
         std::optional<QRect> capsule;
         QVERIFY(QTest::qWaitFor([&] { return (capsule = capsuleGeometry()).has_value() && capsule->height() > 56; }));
-        const QPoint professional = capsule->topLeft() + QPoint(16 + 46, 12 + 14 + 8 + 11);
+        // The capsule grows into the picker: click once its size has settled.
+        std::optional<QRect> settled;
+        QVERIFY(QTest::qWaitFor([&] {
+            QTest::qWait(150);
+            settled = capsuleGeometry();
+            const bool same = settled && *settled == *capsule;
+            if (settled)
+                capsule = settled;
+            return same;
+        }));
+        // Padding, the header row (title and close control, 18 high), spacing, half a button.
+        const QPoint professional = capsule->topLeft() + QPoint(16 + 46, 12 + 18 + 8 + 11);
         QCOMPARE(Desktop::run(u"xdotool"_s,
                      { u"mousemove"_s, QString::number(professional.x()), QString::number(professional.y()), u"click"_s,
                          u"1"_s }),
