@@ -111,6 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     struct Expected {
         HttpRequestHead head;
         bool complete = false;
+        qsizetype end = 0; // where its last byte is in the input
     };
     QList<Expected> expected;
     int refusal = 0;
@@ -127,6 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 expected.append({ std::move(event.head), false });
             } else if (event.kind == HttpFramer::Event::Kind::Complete) {
                 expected.last().complete = true;
+                expected.last().end = i + 1;
                 sendUpTo = i + 1;
             } else {
                 refusal = event.status;
@@ -150,8 +152,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             break;
         }
     }
-    if (closes)
-        refusal = 0; // the connection ends before the framer's refusal is reached
+    if (closes) {
+        // The connection ends with that request: what a client sends after it is never
+        // answered, and the gate may refuse it before the answers are written, so it is
+        // not sent.
+        refusal = 0;
+        sendUpTo = expected.at(answered - 1).end;
+    }
     QByteArray toSend = input.first(sendUpTo).toByteArray();
     if (!closes && refusal == 0)
         toSend += "GET /echo HTTP/1.1\r\nConnection: close\r\n\r\n";
