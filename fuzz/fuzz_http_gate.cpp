@@ -140,6 +140,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     if (refusal == -1)
         refusal = 0;
+    // A head the framer accepted, whose body it then refused (a trailer field, say), may
+    // already be answered by QHttpServer when the refusal is written.
+    const bool refusedInABody = refusal > 0 && !expected.isEmpty() && !expected.last().complete;
     while (!expected.isEmpty() && !expected.last().complete)
         expected.removeLast();
     // A refused head still counts for the gate's check, which answers it instead.
@@ -209,10 +212,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // bytes it cannot parse before the gate has framed them, without an answer, after the
     // answers to the whole requests before them: the connection is over, which is all a
     // client can ask.
-    if (refusal == 0 ? responses.size() != wanted : responses.size() > wanted)
+    if (refusal == 0 ? responses.size() != wanted : responses.size() > wanted + (refusedInABody ? 1 : 0))
         __builtin_trap();
     const bool refused = refusal != 0 && !responses.isEmpty() && responses.last().close;
-    const qsizetype answeredBeforeRefusal = refused ? responses.size() - 1 : std::min(responses.size(), answered);
+    const qsizetype answeredBeforeRefusal = std::min(refused ? responses.size() - 1 : responses.size(), answered);
     for (qsizetype i = 0; i < answeredBeforeRefusal; ++i) {
         const HttpRequestHead& head = expected.at(i).head;
         const Response& response = responses.at(i);
