@@ -191,8 +191,9 @@ HttpRequestHead HttpFramer::parseHead(QByteArrayView head, const HttpLimits& lim
     // (an Upgrade field with "upgrade" in Connection, whatever the method or protocol, or
     // the method CONNECT). A WebSocket GET is the only upgrade this server takes; any other
     // is refused, so the gate and QHttpServer never disagree about where HTTP ends.
+    // Anything that looks like one counts: parsers differ on odd bytes around the token.
     const bool asksForUpgrade
-        = (hasToken(connection, "upgrade") && result.has("upgrade")) || result.method == "CONNECT";
+        = connection.toLower().contains("upgrade") || result.has("upgrade") || result.method == "CONNECT";
     if (asksForUpgrade && !result.upgradeToWebSocket)
         return result;
     *status = 0;

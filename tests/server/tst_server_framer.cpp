@@ -76,6 +76,9 @@ private Q_SLOTS:
         QTest::newRow("upgrade to another protocol") << QByteArray(
             "GET / HTTP/1.1\r\nConnection: Upgrade, HTTP2-Settings\r\nUpgrade: h2c\r\n\r\nGET / HTTP/1.1\r\n\r\n")
                                                      << QByteArray("E400");
+        QTest::newRow("odd bytes after the upgrade token")
+            << QByteArray("GET /ws HTTP/1.1\r\nConnection: Upgrade\xff\xff\r\nUpgrade: websocket\r\n\r\n")
+            << QByteArray("E400");
         QTest::newRow("connect") << QByteArray("CONNECT a:443 HTTP/1.1\r\nHost: a:443\r\n\r\n") << QByteArray("E400");
         QTest::newRow("length too large")
             << QByteArray("POST / HTTP/1.1\r\nContent-Length: 1048577\r\n\r\n") << QByteArray("E413");
