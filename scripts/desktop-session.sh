@@ -2,10 +2,13 @@
 # Runs a command inside a private, headless desktop session and tears it down after:
 #   X server (Xvfb), session bus, accessibility bus, PulseAudio with a virtual
 #   microphone, and an unlocked Secret Service (gnome-keyring).
-# Usage: scripts/desktop-session.sh [--wayland [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring] [--no-sound]
-#                                   [--] command [args...]
+# Usage: scripts/desktop-session.sh [--wayland|--kwin [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring]
+#                                   [--no-sound] [--] command [args...]
 # --wayland runs a headless sway (a Wayland compositor with Xwayland) instead of Xvfb,
 # with a virtual keyboard on its seat; --no-xwayland leaves Xwayland out.
+# --kwin runs a headless KWin (KDE's compositor, with Xwayland) instead, as a Plasma
+# session would: XDG_CURRENT_DESKTOP=KDE and the portal frontend already running, with
+# KDE's portal backend behind it (RemoteDesktop, GlobalShortcuts).
 # --wm runs a window manager (openbox) on the X server, as on a real desktop: it
 # reparents and decorates windows and hands out the focus. Without it windows sit
 # bare on the root window. (sway always manages its windows.)
@@ -17,7 +20,7 @@
 # QUILLET_MIC_SINK (play into it to speak into the microphone: paplay -d "$QUILLET_MIC_SINK" f.wav),
 # QUILLET_MIC_SOURCE (the virtual microphone, the default source); with --wayland also
 # WAYLAND_DISPLAY, SWAYSOCK (swaymsg talks to the compositor), XDG_SESSION_TYPE=wayland,
-# and DISPLAY for its Xwayland (unset with --no-xwayland).
+# and DISPLAY for its Xwayland (unset with --no-xwayland); with --kwin the same but SWAYSOCK.
 set -euo pipefail
 
 a11y=1 keyring=1 sound=1 wayland=0 xwayland=1 wm=0
@@ -26,7 +29,8 @@ while [ $# -gt 0 ]; do
     --no-a11y) a11y=0; shift ;;
     --no-keyring) keyring=0; shift ;;
     --no-sound) sound=0; shift ;;
-    --wayland) wayland=1; shift ;;
+    --wayland) wayland=sway; shift ;;
+    --kwin) wayland=kwin; shift ;;
     --no-xwayland) xwayland=0; shift ;;
     --wm) wm=1; shift ;;
     --) shift; break ;;
@@ -34,7 +38,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 [ $# -gt 0 ] || {
-  echo "usage: $0 [--wayland [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2
+  echo "usage: $0 [--wayland|--kwin [--no-xwayland]] [--wm] [--no-a11y] [--no-keyring] [--no-sound] [--] command [args...]" >&2
   exit 2
 }
 
@@ -43,7 +47,8 @@ if [ "${QUILLET_DESKTOP_SESSION:-}" = 1 ]; then
 fi
 
 tools=(Xvfb dbus-run-session)
-[ "$wayland" = 1 ] && tools=(sway wtype swaymsg dbus-run-session)
+[ "$wayland" = sway ] && tools=(sway wtype swaymsg dbus-run-session)
+[ "$wayland" = kwin ] && tools=(kwin_wayland /usr/libexec/xdg-desktop-portal dbus-run-session)
 [ "$wayland" = 0 ] && [ "$wm" = 1 ] && tools+=(openbox xprop)
 for tool in "${tools[@]}"; do
   command -v "$tool" >/dev/null || { echo "desktop-session: $tool is missing; run scripts/install-deps.sh" >&2; exit 1; }
@@ -63,7 +68,8 @@ if [ "${_QUILLET_SESSION_STAGE:-}" != 2 ]; then
     if [ -d "$root/runtime/doc" ]; then
       fusermount3 -uz "$root/runtime/doc" 2>/dev/null || fusermount -uz "$root/runtime/doc" 2>/dev/null || true
     fi
-    rm -rf "$root"
+    # A lazy unmount lets go of the folder a moment later.
+    rm -rf "$root" 2>/dev/null || { sleep 0.5; rm -rf "$root"; }
   }
   trap cleanup EXIT
   trap 'exit 130' INT TERM
@@ -142,7 +148,7 @@ cleanup2() {
 }
 trap cleanup2 EXIT
 
-if [ "$_QUILLET_WAYLAND" = 1 ]; then
+if [ "$_QUILLET_WAYLAND" = sway ]; then
   # sway refuses to run as root unless it cannot get root back after dropping it:
   # a tiny preloaded library makes setuid(0)/setgid(0) fail for it. The library
   # takes itself out of the environment at once, so the compositor's children
@@ -203,6 +209,51 @@ C
   pids+=($!)
   for _ in $(seq 1 100); do
     swaymsg -t get_seats 2>/dev/null | grep -q '"type": "keyboard"' && break
+    sleep 0.05
+  done
+fi
+
+if [ "$_QUILLET_WAYLAND" = kwin ]; then
+  # The installed kwin_wayland carries a file capability (to raise its own limits) that a
+  # container may refuse to execute; a copy has none and runs the same. KWin runs as root
+  # as it is, and renders through Mesa's software OpenGL. It starts the programs named
+  # after its options once its Wayland socket and Xwayland are up: the first writes out
+  # the environment they get (WAYLAND_DISPLAY, and DISPLAY for Xwayland).
+  cp "$(command -v kwin_wayland)" "$root/kwin_wayland"
+  cat >"$root/kwin-started" <<SH
+#!/bin/sh
+env > "$root/kwin.env.tmp" && mv "$root/kwin.env.tmp" "$root/kwin.env"
+SH
+  chmod +x "$root/kwin-started"
+  xwayland_arg=()
+  [ "$_QUILLET_XWAYLAND" = 1 ] && xwayland_arg=(--xwayland)
+  env -u DISPLAY KWIN_COMPOSE=O2 "$root/kwin_wayland" --virtual --no-lockscreen "${xwayland_arg[@]}" \
+    --width 1920 --height 1080 --socket quillet-kwin "$root/kwin-started" >"$root/kwin.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 1 300); do
+    [ -s "$root/kwin.env" ] && break
+    kill -0 "${pids[-1]}" 2>/dev/null || break
+    sleep 0.05
+  done
+  [ -s "$root/kwin.env" ] || { echo "desktop-session: kwin did not start:" >&2; cat "$root/kwin.log" >&2; exit 1; }
+  WAYLAND_DISPLAY=$(sed -n 's/^WAYLAND_DISPLAY=//p' "$root/kwin.env")
+  export WAYLAND_DISPLAY XDG_SESSION_TYPE=wayland XDG_CURRENT_DESKTOP=KDE
+  if [ "$_QUILLET_XWAYLAND" = 1 ]; then
+    DISPLAY=$(sed -n 's/^DISPLAY=//p' "$root/kwin.env")
+    export DISPLAY
+  else
+    unset DISPLAY
+  fi
+  # Services the bus starts on demand (KDE's portal backend) must find the compositor.
+  dbus-update-activation-environment WAYLAND_DISPLAY DISPLAY XDG_CURRENT_DESKTOP XDG_SESSION_TYPE \
+    >/dev/null 2>&1 || true
+  # A Plasma session has its portal frontend running before any program asks for it; it
+  # picks KDE's backend by XDG_CURRENT_DESKTOP (UseIn=KDE), started by the bus on demand.
+  /usr/libexec/xdg-desktop-portal --replace >"$root/portal.log" 2>&1 &
+  pids+=($!)
+  for _ in $(seq 1 200); do
+    dbus-send --session --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner \
+      string:org.freedesktop.portal.Desktop 2>/dev/null | grep -q true && break
     sleep 0.05
   done
 fi

@@ -28,6 +28,9 @@ packages=(
   # the headless Wayland desktop (sway with Xwayland, a virtual keyboard) and the Wayland
   # clipboard and keystroke clients Quillet runs there
   sway xwayland wtype wl-clipboard xdg-desktop-portal
+  # a headless KDE desktop (KWin with Xwayland) and its portal backend, whose RemoteDesktop
+  # portal takes Quillet's paste keystroke there; the backend draws through Qt 5's Wayland plugin
+  kwin-wayland xdg-desktop-portal-kde qtwayland5
   # keymaps and key repeat inside the test session (setxkbmap, xkbcomp, xset)
   x11-xkb-utils x11-xserver-utils
   # a window manager for the session's --wm (the window tests run with and without one);

@@ -2,6 +2,7 @@
 #include "app/HistoryText.h"
 #include "app/SignInLink.h"
 #include "app/SingleInstance.h"
+#include "dictation/TextInserter.h"
 #include "platform/DesktopSession.h"
 #include "services/HistoryManager.h"
 #include "services/Log.h"
@@ -171,6 +172,9 @@ int main(int argc, char* argv[])
     Log::write(Log::Symbol::Start, DesktopSession::describe(routes));
     for (const QString& missing : DesktopSession::missingRoutes(routes))
         Log::write(Log::Symbol::Warning, missing);
+    // Where the keystroke goes through the desktop's portal, its consent is asked for now.
+    if (routes.type == DesktopSession::Type::wayland)
+        TextInserter::shared().prepare();
 
     AppDelegate delegate;
     delegate.applicationDidFinishLaunching(&instance);

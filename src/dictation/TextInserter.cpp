@@ -44,9 +44,20 @@ TextInserter& TextInserter::shared()
     // pending when the last dictation ends.
     static const std::unique_ptr<TextAccessibility> accessibility = makeSystemTextAccessibility();
     static const std::unique_ptr<Pasteboard> pasteboard = makeSystemPasteboard();
-    static const std::unique_ptr<PasteKeystroke> pasteKeystroke = makeSystemPasteKeystroke();
+    static const std::unique_ptr<PasteKeystroke> pasteKeystroke = [] {
+        std::unique_ptr<PasteKeystroke> keystroke = makeSystemPasteKeystroke();
+        keystroke->setNoticeHandler([](const QString& notice, bool problem) {
+            Log::write(problem ? Log::Symbol::Warning : Log::Symbol::Insertion, notice);
+        });
+        return keystroke;
+    }();
     static TextInserter instance(*accessibility, *pasteboard, *pasteKeystroke);
     return instance;
+}
+
+void TextInserter::prepare()
+{
+    m_pasteKeystroke.prepare();
 }
 
 InsertionResult TextInserter::insert(const QString& text)

@@ -42,6 +42,10 @@ public:
     // the main thread of a running QGuiApplication.
     static TextInserter& shared();
 
+    // Readies the paste keystroke ahead of the first insertion: a desktop that asks the
+    // user's consent for synthetic keys asks now, not in the middle of a dictation.
+    void prepare();
+
     // Inserts the text and says where it went; its log lines are the only other trace. The
     // clipboard's restore, and on some desktops the paste itself, finish after it returns.
     InsertionResult insert(const QString& text);

@@ -22,10 +22,15 @@ struct Routes {
     bool clipboardTools = false; // wl-copy and wl-paste, the clients of that protocol
     bool virtualKeyboard = false; // the compositor accepts virtual keyboards
     bool keystrokeTool = false; // wtype, the client that types through one
+    bool remoteDesktopKeyboard = false; // the desktop's RemoteDesktop portal offers a keyboard (KDE, GNOME)
 
-    // The clipboard and paste-keystroke routes of a Wayland session.
+    // The clipboard and paste-keystroke routes of a Wayland session. The keystroke goes
+    // through wtype where the compositor takes virtual keyboards, else through the
+    // RemoteDesktop portal; either is of use only with the clipboard to paste from.
     bool waylandClipboard() const { return dataControl && clipboardTools; }
-    bool waylandKeystroke() const { return virtualKeyboard && keystrokeTool; }
+    bool wtypeKeystroke() const { return virtualKeyboard && keystrokeTool; }
+    bool portalKeystroke() const { return waylandClipboard() && !wtypeKeystroke() && remoteDesktopKeyboard; }
+    bool waylandKeystroke() const { return wtypeKeystroke() || portalKeystroke(); }
 };
 
 // The session type from WAYLAND_DISPLAY and XDG_SESSION_TYPE: Wayland when either says so.
@@ -46,8 +51,10 @@ QStringList missingRoutes(const Routes& routes);
 
 // This process's session, read from the environment once.
 Type current();
-// This process's routes: the session, its X display, what the compositor offers and
-// the tools on the PATH; found out once.
+// This process's routes: the session, its X display, what the compositor offers, the
+// tools on the PATH and, where no virtual keyboard serves, whether the desktop's
+// RemoteDesktop portal offers a keyboard (a bounded question on the session bus); found
+// out once.
 Routes currentRoutes();
 
 // Call in main() before the QGuiApplication exists: picks the Qt platform plugin as

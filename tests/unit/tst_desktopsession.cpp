@@ -1,4 +1,5 @@
 #include "platform/DesktopSession.h"
+#include "platform/PasteKeystroke.h"
 
 #include <QtTest>
 
@@ -106,8 +107,62 @@ private Q_SLOTS:
         routes.keystrokeTool = true;
         routes.virtualKeyboard = false;
         QCOMPARE(DesktopSession::missingRoutes(routes),
-            QStringList { u"the compositor accepts no virtual keyboard: text AT-SPI cannot insert is left on the "
-                          "clipboard, to paste by hand"_s });
+            QStringList { u"the compositor accepts no virtual keyboard and the desktop offers no RemoteDesktop "
+                          "portal: text AT-SPI cannot insert is left on the clipboard, to paste by hand"_s });
+    }
+
+    void kdeTypesThroughTheRemoteDesktopPortal()
+    {
+        // KWin: data-control but no virtual keyboard; its portal offers a keyboard.
+        Routes routes = waylandWithEverything();
+        routes.virtualKeyboard = false;
+        routes.remoteDesktopKeyboard = true;
+        QVERIFY(routes.portalKeystroke());
+        QVERIFY(!routes.wtypeKeystroke());
+        QCOMPARE(DesktopSession::describe(routes),
+            u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, and from "
+            "compositor bindings (quillet --press, --release, --toggle); text through AT-SPI, else wl-copy and a paste "
+            "keystroke through the RemoteDesktop portal; capsule as an override-redirect window through Xwayland"_s);
+        QVERIFY(DesktopSession::missingRoutes(routes).isEmpty());
+        // Without wtype on the PATH it is the same.
+        routes.keystrokeTool = false;
+        QVERIFY(routes.portalKeystroke());
+        QVERIFY(DesktopSession::missingRoutes(routes).isEmpty());
+    }
+
+    void aVirtualKeyboardWinsOverThePortal()
+    {
+        // A compositor with both (Hyprland with a portal that offers RemoteDesktop): wtype, as on sway.
+        Routes routes = waylandWithEverything();
+        routes.remoteDesktopKeyboard = true;
+        QVERIFY(routes.wtypeKeystroke());
+        QVERIFY(!routes.portalKeystroke());
+        QVERIFY(DesktopSession::describe(routes).contains(u"else wl-copy and a wtype paste keystroke;"_s));
+    }
+
+    void thePortalKeystrokeNeedsTheClipboard()
+    {
+        // Mutter: a RemoteDesktop portal, but no data-control to put the text on the clipboard.
+        Routes routes = waylandWithEverything();
+        routes.dataControl = false;
+        routes.virtualKeyboard = false;
+        routes.remoteDesktopKeyboard = true;
+        QVERIFY(!routes.portalKeystroke());
+        QVERIFY(!routes.waylandKeystroke());
+        QVERIFY(DesktopSession::describe(routes).contains(u"text through AT-SPI; capsule"_s));
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"the compositor offers no data-control clipboard: text AT-SPI cannot insert is kept in the "
+                          "history only (quillet --history)"_s });
+    }
+
+    void thePasteChordKeyByKey()
+    {
+        // X keysyms: Control_L, Shift_L, v.
+        const QList<PasteKeyEdge> plain { { 0xffe3, true }, { 0x76, true }, { 0x76, false }, { 0xffe3, false } };
+        QCOMPARE(pasteChordKeysyms(false), plain);
+        const QList<PasteKeyEdge> terminal { { 0xffe3, true }, { 0xffe1, true }, { 0x76, true }, { 0x76, false },
+            { 0xffe1, false }, { 0xffe3, false } };
+        QCOMPARE(pasteChordKeysyms(true), terminal);
     }
 
     void waylandWithoutTheClipboardClients()

@@ -2,6 +2,11 @@
 
 #include "platform/linux/WaylandGlobals.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDBusVariant>
 #include <QGuiApplication>
 #include <QStandardPaths>
 
@@ -18,6 +23,30 @@ bool platformChosenHere = false;
 bool onPath(const QString& tool)
 {
     return !QStandardPaths::findExecutable(tool).isEmpty();
+}
+
+// Whether the desktop's portal has RemoteDesktop with a keyboard among its devices.
+// Asked once at start and waited for, but briefly: a desktop whose portal does not
+// answer within the time gets no keystroke route rather than a slow start.
+bool remoteDesktopOffersKeyboard()
+{
+    const QString service = u"org.freedesktop.portal.Desktop"_s;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return false;
+    // A portal that neither runs nor can be started by the bus is not asked at all.
+    const QDBusReply<bool> running = bus.interface()->isServiceRegistered(service);
+    if (!(running.isValid() && running.value())
+        && !bus.interface()->activatableServiceNames().value().contains(service))
+        return false;
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        service, u"/org/freedesktop/portal/desktop"_s, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
+    get << u"org.freedesktop.portal.RemoteDesktop"_s << u"AvailableDeviceTypes"_s;
+    const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return false;
+    const uint types = reply.arguments().constFirst().value<QDBusVariant>().variant().toUInt();
+    return (types & 1U) != 0; // the keyboard
 }
 
 } // namespace
@@ -45,8 +74,10 @@ QString describe(const Routes& routes)
                "and an XTest paste keystroke; capsule as an override-redirect window"_s;
     QString text = u"desktop session wayland: hotkey from the GlobalShortcuts portal where the desktop has one, "
                    "and from compositor bindings (quillet --press, --release, --toggle); text through AT-SPI"_s;
-    if (routes.waylandClipboard() && routes.waylandKeystroke())
+    if (routes.waylandClipboard() && routes.wtypeKeystroke())
         text += u", else wl-copy and a wtype paste keystroke"_s;
+    else if (routes.portalKeystroke())
+        text += u", else wl-copy and a paste keystroke through the RemoteDesktop portal"_s;
     else if (routes.waylandClipboard())
         text += u", else left on the clipboard by wl-copy"_s;
     text += routes.xDisplay ? u"; capsule as an override-redirect window through Xwayland"_s : u"; no capsule"_s;
@@ -68,10 +99,12 @@ QStringList missingRoutes(const Routes& routes)
     else if (!routes.clipboardTools)
         missing << u"wl-copy or wl-paste is missing (package wl-clipboard): text AT-SPI cannot insert is kept in "
                    "the history only (quillet --history)"_s;
-    if (routes.waylandClipboard() && !routes.virtualKeyboard)
-        missing << u"the compositor accepts no virtual keyboard: text AT-SPI cannot insert is left on the "
-                   "clipboard, to paste by hand"_s;
-    else if (routes.waylandClipboard() && !routes.keystrokeTool)
+    if (!routes.waylandClipboard() || routes.waylandKeystroke())
+        return missing;
+    if (!routes.virtualKeyboard)
+        missing << u"the compositor accepts no virtual keyboard and the desktop offers no RemoteDesktop portal: "
+                   "text AT-SPI cannot insert is left on the clipboard, to paste by hand"_s;
+    else
         missing << u"wtype is missing (package wtype): text AT-SPI cannot insert is left on the clipboard, to "
                    "paste by hand"_s;
     return missing;
@@ -96,6 +129,9 @@ Routes currentRoutes()
             found.virtualKeyboard = globals && globals->virtualKeyboard;
             found.clipboardTools = onPath(u"wl-copy"_s) && onPath(u"wl-paste"_s);
             found.keystrokeTool = onPath(u"wtype"_s);
+            // Asked only where it would be used: sway and Hyprland never start a portal for it.
+            if (found.waylandClipboard() && !found.wtypeKeystroke())
+                found.remoteDesktopKeyboard = remoteDesktopOffersKeyboard();
         }
         return found;
     }();

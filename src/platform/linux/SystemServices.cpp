@@ -3,6 +3,7 @@
 #include "platform/linux/AtspiTextAccessibility.h"
 #include "platform/linux/DesktopShortcutKeyEventSource.h"
 #include "platform/linux/QtClipboardPasteboard.h"
+#include "platform/linux/RemoteDesktopPasteKeystroke.h"
 #include "platform/linux/WlClipboardPasteboard.h"
 #include "platform/linux/WtypePasteKeystroke.h"
 #include "platform/linux/XInput2KeyEventSource.h"
@@ -42,8 +43,13 @@ std::unique_ptr<Pasteboard> makeSystemPasteboard()
 
 std::unique_ptr<PasteKeystroke> makeSystemPasteKeystroke()
 {
-    // XTest reaches only X11 windows; a virtual keyboard reaches the native ones.
-    if (wayland())
-        return std::make_unique<WtypePasteKeystroke>(DesktopSession::currentRoutes().waylandKeystroke());
+    // XTest reaches only X11 windows; a virtual keyboard reaches the native ones, and
+    // where the compositor takes none, the desktop's RemoteDesktop portal does.
+    if (wayland()) {
+        const DesktopSession::Routes routes = DesktopSession::currentRoutes();
+        if (routes.portalKeystroke())
+            return std::make_unique<RemoteDesktopPasteKeystroke>(RemoteDesktopPasteKeystroke::defaultTokenFile());
+        return std::make_unique<WtypePasteKeystroke>(routes.wtypeKeystroke());
+    }
     return std::make_unique<XTestPasteKeystroke>();
 }

@@ -2,7 +2,7 @@
 
 #include "platform/linux/AtspiTextAccessibility.h"
 #include "platform/linux/ChildProcess.h"
-#include "platform/linux/XTestPasteKeystroke.h"
+#include "platform/linux/FocusedTerminal.h"
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -30,9 +30,7 @@ QCoro::Task<> WtypePasteKeystroke::post()
 {
     if (!m_available)
         co_return;
-    // Terminals name themselves on the accessibility bus as they do in WM_CLASS.
-    const std::optional<QString> application = m_accessibility->focusedApplicationName();
-    const bool terminal = application && XTestPasteKeystroke::isTerminal(*application, *application);
+    const bool terminal = focusedApplicationIsTerminal(*m_accessibility);
     // wtype ends once the compositor has the keys: the clipboard restore counts from there.
     co_await runChildProcess(u"wtype"_s, chordArguments(terminal), QByteArray(), 2s);
 }
