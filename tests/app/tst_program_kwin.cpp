@@ -49,7 +49,9 @@ uint remoteDesktopVersion()
 // native Wayland window that is not on the accessibility bus the text goes through
 // wl-copy and a Control+V sent through the RemoteDesktop portal, opened when Quillet
 // starts. The hotkey comes as `quillet --press` and `--release`, as a desktop shortcut
-// or a test would send it.
+// or a test would send it. Last, a stand-in frontend whose RemoteDesktop can remember
+// the consent (version 2, newer than Debian 12's) shows the restore token kept and
+// handed back.
 class TestProgramKwin : public QObject
 {
     Q_OBJECT
@@ -110,6 +112,30 @@ private:
             },
             5000));
         QVERIFY(m_field->hasFocus(u"entry"_s));
+    }
+
+    // Waits for the stand-in portal to write a line starting with this.
+    bool waitForPortal(const QByteArray& prefix)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                m_portalOutput += m_portal.readAllStandardOutput();
+                for (const QByteArray& line : m_portalOutput.split('\n')) {
+                    if (line.startsWith(prefix))
+                        return true;
+                }
+                return false;
+            },
+            10000);
+    }
+
+    // The restore token Quillet keeps, as its file holds it.
+    QString keptToken() const
+    {
+        QFile token(m_tokenFile);
+        if (!token.open(QIODevice::ReadOnly))
+            return QString();
+        return QString::fromUtf8(token.readAll()).trimmed();
     }
 
     void startProgram()
@@ -203,6 +229,54 @@ private Q_SLOTS:
         dictationIsPastedAndTheClipboardComesBack("words from before the new portal");
     }
 
+    void aPortalThatRemembersGetsItsRestoreTokenBack()
+    {
+        QTest::qWait(2000);
+        // A frontend whose RemoteDesktop is version 2 takes the portal's name over.
+        m_program.reset();
+        m_portal.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_portal.start(QStringLiteral(QUILLET_FAKE_REMOTE_DESKTOP_PORTAL), {});
+        QVERIFY(m_portal.waitForStarted(5000));
+        QVERIFY(waitForPortal("ready"));
+        startProgram();
+        // The keyboard alone, kept until revoked; nothing to restore yet.
+        QVERIFY(waitForPortal("select 1 2 -"));
+        QVERIFY(waitForPortal("start token-1"));
+        QVERIFY(m_program->waitForLine(portalReady + u"; its permission is kept in "_s + m_tokenFile));
+        QCOMPARE(keptToken(), u"token-1"_s);
+        QFile token(m_tokenFile);
+        QCOMPARE(token.permissions() & ~(QFileDevice::ReadUser | QFileDevice::WriteUser),
+            QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+
+        // A dictation's paste: the chord's four edges, in order.
+        QVERIFY(openWindowOffTheAccessibilityBus());
+        QVERIFY(dictate());
+        QVERIFY(waitForPortal("key 65507 0"));
+        QList<QByteArray> keys;
+        for (const QByteArray& line : m_portalOutput.split('\n')) {
+            if (line.startsWith("key "))
+                keys.append(line);
+        }
+        QCOMPARE(keys, (QList<QByteArray> { "key 65507 1", "key 118 1", "key 118 0", "key 65507 0" }));
+
+        // The next start hands the token back, and keeps the new one.
+        QTest::qWait(2000);
+        m_program.reset();
+        startProgram();
+        QVERIFY(waitForPortal("select 1 2 token-1"));
+        QVERIFY(m_program->waitForLine(portalReady + u"; its permission is kept in "_s + m_tokenFile));
+        QCOMPARE(keptToken(), u"token-2"_s);
+
+        // The desktop closes the session: it is asked again, with the newest token.
+        const qsizetype from = m_program->lineCount();
+        m_portal.write("close\n");
+        QVERIFY(m_program->waitForLine(
+            u"⚠️ [Quillet] RemoteDesktop portal: the desktop closed the session; asking again"_s, from));
+        QVERIFY(waitForPortal("select 1 2 token-2"));
+        QVERIFY(m_program->waitForLine(portalReady, from));
+        QCOMPARE(keptToken(), u"token-3"_s);
+    }
+
     void cleanup()
     {
         // What the program said is the first thing to read when a dictation went wrong.
@@ -217,11 +291,14 @@ private Q_SLOTS:
         m_field.reset();
         m_program.reset();
         m_server.reset();
-        if (m_frontend.state() != QProcess::NotRunning) {
-            m_frontend.terminate();
-            if (!m_frontend.waitForFinished(3000))
-                m_frontend.kill();
-            m_frontend.waitForFinished(2000);
+        m_portal.closeWriteChannel();
+        for (QProcess* helper : { &m_frontend, &m_portal }) {
+            if (helper->state() == QProcess::NotRunning)
+                continue;
+            helper->terminate();
+            if (!helper->waitForFinished(3000))
+                helper->kill();
+            helper->waitForFinished(2000);
         }
     }
 
@@ -232,6 +309,8 @@ private:
     std::unique_ptr<QuilletProgram> m_program;
     std::unique_ptr<FieldApp> m_field;
     QProcess m_frontend;
+    QProcess m_portal;
+    QByteArray m_portalOutput;
 };
 
 int main(int argc, char** argv)
