@@ -271,7 +271,7 @@ private Q_SLOTS:
         const qsizetype from = m_program->lineCount();
         m_portal.write("close\n");
         QVERIFY(m_program->waitForLine(
-            u"⚠️ [Quillet] RemoteDesktop portal: the desktop closed the session; asking again"_s, from));
+            u"⚠️ [Quillet] RemoteDesktop portal: the desktop closed the session; asking for a new one"_s, from));
         QVERIFY(waitForPortal("select 1 2 token-2"));
         QVERIFY(m_program->waitForLine(portalReady, from));
         QCOMPARE(keptToken(), u"token-3"_s);
