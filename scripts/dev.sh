@@ -66,8 +66,9 @@ case "${1:-}" in
       echo "== $(basename "$b")"
       case "$(basename "$b")" in
         # Those that need a desktop (X, sound, keyring, accessibility) get the headless one;
-        # the Wayland ones get headless sway.
+        # the Wayland ones get headless sway, the KWin ones headless KWin.
         *wayland*) scripts/desktop-session.sh --wayland -- "$b" ;;
+        *kwin*) scripts/desktop-session.sh --kwin -- "$b" ;;
         *insertion*|*capture*|*hud*|*hotkey*|*token_read*|*program*|*session*) scripts/desktop-session.sh -- "$b" ;;
         *) "$b" ;;
       esac
