@@ -25,11 +25,12 @@ struct Routes {
     bool remoteDesktopKeyboard = false; // the desktop's RemoteDesktop portal offers a keyboard (KDE, GNOME)
 
     // The clipboard and paste-keystroke routes of a Wayland session. The keystroke goes
-    // through wtype where the compositor takes virtual keyboards, else through the
-    // RemoteDesktop portal; either is of use only with the clipboard to paste from.
+    // through wtype where the compositor takes virtual keyboards (wtype missing there is
+    // worth installing), else through the RemoteDesktop portal; either is of use only
+    // with the clipboard to paste from.
     bool waylandClipboard() const { return dataControl && clipboardTools; }
     bool wtypeKeystroke() const { return virtualKeyboard && keystrokeTool; }
-    bool portalKeystroke() const { return waylandClipboard() && !wtypeKeystroke() && remoteDesktopKeyboard; }
+    bool portalKeystroke() const { return waylandClipboard() && !virtualKeyboard && remoteDesktopKeyboard; }
     bool waylandKeystroke() const { return wtypeKeystroke() || portalKeystroke(); }
 };
 

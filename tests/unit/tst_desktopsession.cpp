@@ -138,6 +138,12 @@ private Q_SLOTS:
         QVERIFY(routes.wtypeKeystroke());
         QVERIFY(!routes.portalKeystroke());
         QVERIFY(DesktopSession::describe(routes).contains(u"else wl-copy and a wtype paste keystroke;"_s));
+        // Where wtype is missing there, installing it is the advice, not the portal.
+        routes.keystrokeTool = false;
+        QVERIFY(!routes.portalKeystroke());
+        QCOMPARE(DesktopSession::missingRoutes(routes),
+            QStringList { u"wtype is missing (package wtype): text AT-SPI cannot insert is left on the clipboard, "
+                          "to paste by hand"_s });
     }
 
     void thePortalKeystrokeNeedsTheClipboard()

@@ -130,7 +130,7 @@ Routes currentRoutes()
             found.clipboardTools = onPath(u"wl-copy"_s) && onPath(u"wl-paste"_s);
             found.keystrokeTool = onPath(u"wtype"_s);
             // Asked only where it would be used: sway and Hyprland never start a portal for it.
-            if (found.waylandClipboard() && !found.wtypeKeystroke())
+            if (found.waylandClipboard() && !found.virtualKeyboard)
                 found.remoteDesktopKeyboard = remoteDesktopOffersKeyboard();
         }
         return found;
