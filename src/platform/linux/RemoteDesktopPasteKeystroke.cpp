@@ -13,6 +13,8 @@
 #include <QPointer>
 #include <QSaveFile>
 
+#include <optional>
+
 #include <QCoroDBusPendingCall>
 
 #include <X11/keysym.h>
@@ -34,6 +36,33 @@ constexpr uint persistUntilRevoked = 2;
 // How often a session the desktop closed is opened again in one run, so a desktop
 // that keeps closing it is not asked forever.
 constexpr int reopenLimit = 3;
+
+// The token kept in the file, if any.
+std::optional<QString> readToken(const QString& file)
+{
+    QFile token(file);
+    if (!token.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QString text = QString::fromUtf8(token.read(4096)).trimmed();
+    if (text.isEmpty())
+        return std::nullopt;
+    return text;
+}
+
+// Keeps the token in the file. It lets whoever holds it type into the user's session
+// without asking: readable by the user alone, before a byte of it is written.
+bool writeToken(const QString& file, const QString& token)
+{
+    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
+        return false;
+    QSaveFile out(file);
+    if (!out.open(QIODevice::WriteOnly))
+        return false;
+    out.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    out.write(token.toUtf8());
+    out.write("\n");
+    return out.commit();
+}
 
 } // namespace
 
@@ -68,32 +97,6 @@ QString RemoteDesktopPasteKeystroke::defaultTokenFile()
     return state + u"/quillet/remote-desktop-token"_s;
 }
 
-std::optional<QString> RemoteDesktopPasteKeystroke::readToken(const QString& file)
-{
-    QFile token(file);
-    if (!token.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QString text = QString::fromUtf8(token.read(4096)).trimmed();
-    if (text.isEmpty())
-        return std::nullopt;
-    return text;
-}
-
-bool RemoteDesktopPasteKeystroke::writeToken(const QString& file, const QString& token)
-{
-    // The token lets whoever holds it type into the user's session without asking:
-    // readable by the user alone, from the moment the file exists.
-    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
-        return false;
-    QSaveFile out(file);
-    if (!out.open(QIODevice::WriteOnly))
-        return false;
-    out.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    out.write(token.toUtf8());
-    out.write("\n");
-    return out.commit();
-}
-
 QString RemoteDesktopPasteKeystroke::requestPath(const QString& token) const
 {
     QString sender = QDBusConnection::sessionBus().baseService();
@@ -111,10 +114,19 @@ void RemoteDesktopPasteKeystroke::notice(const QString& text, bool problem)
         m_notice(text, problem);
 }
 
+void RemoteDesktopPasteKeystroke::forgetSession()
+{
+    if (m_session.isEmpty())
+        return;
+    QDBusConnection::sessionBus().disconnect(
+        portalService, m_session, sessionInterface, u"Closed"_s, this, SLOT(onSessionClosed(QDBusMessage)));
+    m_session.clear();
+}
+
 void RemoteDesktopPasteKeystroke::fail(State state, const QString& why)
 {
     m_state = state;
-    m_session.clear();
+    forgetSession();
     notice(u"RemoteDesktop portal: %1; text AT-SPI cannot insert is left on the clipboard, to paste by hand"_s.arg(why),
         true);
 }
@@ -148,7 +160,7 @@ void RemoteDesktopPasteKeystroke::prepare()
 void RemoteDesktopPasteKeystroke::open()
 {
     m_state = State::opening;
-    m_session.clear();
+    forgetSession();
     const QString token = u"quillet_rd%1"_s.arg(++m_requests);
     request(u"CreateSession"_s, { QVariantMap { { u"handle_token"_s, token }, { u"session_handle_token"_s, token } } },
         token, SLOT(onCreateSessionResponse(uint, QVariantMap)));
@@ -169,8 +181,8 @@ void RemoteDesktopPasteKeystroke::request(
     bus.connect(portalService, requestPath(token), requestInterface, u"Response"_s, this, slot);
     QDBusMessage call = QDBusMessage::createMethodCall(portalService, portalPath, remoteDesktopInterface, method);
     call.setArguments(arguments);
-    // Start may wait for the user to answer the desktop's dialog: no short timeout.
-    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 120000), this);
+    // The call returns the request at once; the answer, after any dialog, is the Response.
+    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 10000), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, method, token](QDBusPendingCallWatcher* pending) {
         pending->deleteLater();
         if (!pending->isError() || token != m_pendingToken)
@@ -284,15 +296,13 @@ void RemoteDesktopPasteKeystroke::onSessionClosed(const QDBusMessage& message)
 {
     if (message.path() != m_session || m_session.isEmpty())
         return;
-    QDBusConnection::sessionBus().disconnect(
-        portalService, m_session, sessionInterface, u"Closed"_s, this, SLOT(onSessionClosed(QDBusMessage)));
     if (m_reopened >= reopenLimit) {
         fail(State::refused, u"the desktop closed the session again"_s);
         return;
     }
     ++m_reopened;
     m_state = State::closed;
-    m_session.clear();
+    forgetSession();
     notice(u"RemoteDesktop portal: the desktop closed the session; asking for a new one (meanwhile text AT-SPI "
            "cannot insert is left on the clipboard)"_s,
         true);

@@ -8,7 +8,6 @@
 #include <QVariantMap>
 
 #include <memory>
-#include <optional>
 
 class AtspiTextAccessibility;
 class QDBusServiceWatcher;
@@ -38,9 +37,6 @@ public:
 
     // The file the restore token is kept in, under the user's XDG state folder.
     static QString defaultTokenFile();
-    // The token kept in the file, if any; the file written with 0600 permissions.
-    static std::optional<QString> readToken(const QString& file);
-    static bool writeToken(const QString& file, const QString& token);
 
 private Q_SLOTS:
     void onCreateSessionResponse(uint response, const QVariantMap& results);
@@ -61,6 +57,8 @@ private:
     // Calls a portal method whose answer comes as a Request's Response signal, listening first.
     void request(const QString& method, const QVariantList& arguments, const QString& token, const char* slot);
     void stopListening(const QString& token, const char* slot);
+    // Stops listening for the current session's end, and drops it.
+    void forgetSession();
     void fail(State state, const QString& why);
     // Passes a sentence on, once: the same one again says nothing new.
     void notice(const QString& text, bool problem);
