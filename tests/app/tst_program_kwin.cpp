@@ -239,6 +239,10 @@ private Q_SLOTS:
         QVERIFY(m_portal.waitForStarted(5000));
         QVERIFY(waitForPortal("ready"));
         startProgram();
+        // The app id first, where the portal takes one: the consent is for Quillet by name.
+        QVERIFY(waitForPortal("create"));
+        const QList<QByteArray> first = m_portalOutput.split('\n').mid(0, 3);
+        QCOMPARE(first, (QList<QByteArray> { "ready", "register " QUILLET_APP_ID, "create" }));
         // The keyboard alone, kept until revoked; nothing to restore yet.
         QVERIFY(waitForPortal("select 1 2 -"));
         QVERIFY(waitForPortal("start token-1"));

@@ -1,5 +1,7 @@
 #include "platform/linux/GlobalShortcutsPortal.h"
 
+#include "platform/linux/PortalRegistration.h"
+
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -16,7 +18,6 @@ const QString portalService = u"org.freedesktop.portal.Desktop"_s;
 const QString portalPath = u"/org/freedesktop/portal/desktop"_s;
 const QString shortcutsInterface = u"org.freedesktop.portal.GlobalShortcuts"_s;
 const QString requestInterface = u"org.freedesktop.portal.Request"_s;
-const QString registryInterface = u"org.freedesktop.host.portal.Registry"_s;
 
 // One entry of BindShortcuts' a(sa{sv}).
 struct PortalShortcut {
@@ -88,17 +89,8 @@ void GlobalShortcutsPortal::start(const QString& preferredTrigger)
         Q_EMIT unavailable(u"no session bus"_s);
         return;
     }
-    // The portal knows an unsandboxed program only by the app id it registers (1.20 and
-    // later), before any other portal call; older portals answer with an error, ignored.
-    // It is the name of the installed desktop entry, as the portal expects.
-    QDBusMessage registration
-        = QDBusMessage::createMethodCall(portalService, portalPath, registryInterface, u"Register"_s);
-    registration << QStringLiteral(QUILLET_APP_ID) << QVariantMap();
-    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(registration, 2000), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* call) {
-        call->deleteLater();
-        createSession();
-    });
+    // Without an app id, KWin binds nothing for us.
+    afterPortalRegistration(this, [this] { createSession(); });
 }
 
 // QtDBus subscribes to another process's signals only through a slot's signature

@@ -6,10 +6,13 @@
 //   close                  the desktop closes the session (Session.Closed)
 // It writes one line per event:
 //   ready                  its bus name is taken
+//   register <app id>      a client registered its app id (Registry, 1.20 and later)
+//   create                 a client created a RemoteDesktop session
 //   select <types> <persist mode> <restore token or ->
 //   start <restore token it hands out>
 //   key <keysym> <state>
 #include <QCoreApplication>
+#include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusContext>
@@ -24,6 +27,24 @@
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+
+// org.freedesktop.host.portal.Registry, as xdg-desktop-portal 1.20 and later have it.
+class Registry : public QDBusAbstractAdaptor
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.host.portal.Registry")
+public:
+    explicit Registry(QObject* parent)
+        : QDBusAbstractAdaptor(parent)
+    { }
+
+public Q_SLOTS:
+    void Register(const QString& appId, const QVariantMap& options)
+    {
+        static_cast<void>(options);
+        std::printf("register %s\n", qPrintable(appId));
+    }
+};
 
 class RemoteDesktopFrontend : public QObject, protected QDBusContext
 {
@@ -47,6 +68,7 @@ public:
 public Q_SLOTS:
     QDBusObjectPath CreateSession(const QVariantMap& options)
     {
+        std::printf("create\n");
         session = path(u"session"_s, options.value(u"session_handle_token"_s).toString());
         return respond(options, { { u"session_handle"_s, session } });
     }
@@ -106,9 +128,10 @@ int main(int argc, char* argv[])
     setvbuf(stdout, nullptr, _IOLBF, 0);
     QCoreApplication app(argc, argv);
     RemoteDesktopFrontend frontend;
+    new Registry(&frontend);
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject(u"/org/freedesktop/portal/desktop"_s, &frontend,
-            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties)) {
+            QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllProperties | QDBusConnection::ExportAdaptors)) {
         std::fprintf(stderr, "fake-remote-desktop-portal: %s\n", qPrintable(bus.lastError().message()));
         return 1;
     }
