@@ -50,8 +50,9 @@ uint remoteDesktopVersion()
 // wl-copy and a Control+V sent through the RemoteDesktop portal, opened when Quillet
 // starts. The hotkey comes as `quillet --press` and `--release`, as a desktop shortcut
 // or a test would send it. Last, a stand-in frontend whose RemoteDesktop can remember
-// the consent (version 2, newer than Debian 12's) shows the restore token kept and
-// handed back.
+// the consent (version 2, newer than Debian 12's) shows the app id registered first, the
+// restore token kept and handed back, and a declined request leaving the text on the
+// clipboard.
 class TestProgramKwin : public QObject
 {
     Q_OBJECT
@@ -279,6 +280,38 @@ private Q_SLOTS:
         QVERIFY(waitForPortal("select 1 2 token-2"));
         QVERIFY(m_program->waitForLine(portalReady, from));
         QCOMPARE(keptToken(), u"token-3"_s);
+    }
+
+    void declinedTheTextStaysOnTheClipboard()
+    {
+        QTest::qWait(2000);
+        // The user says no in the desktop's dialog.
+        m_portal.write("refuse\n");
+        m_program.reset();
+        startProgram();
+        QVERIFY(waitForPortal("start refused"));
+        QVERIFY(m_program->waitForLine(
+            u"⚠️ [Quillet] RemoteDesktop portal: you declined the desktop's request to send keys; text AT-SPI "
+            "cannot insert is left on the clipboard, to paste by hand"_s));
+        QVERIFY(openWindowOffTheAccessibilityBus());
+        const qsizetype keysBefore = m_portalOutput.count("key ");
+        const qsizetype from = m_program->lineCount();
+        const std::optional<QString> recorded = dictate();
+        QVERIFY(recorded);
+        QVERIFY(!recorded->isEmpty());
+        QVERIFY(m_program->waitForLine(
+            u"   → no paste keystroke on this desktop: the text is left on the clipboard"_s, from));
+        QByteArray clipboard;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return Desktop::run(u"wl-paste"_s, { u"--no-newline"_s }, &clipboard) == 0
+                    && QString::fromUtf8(clipboard) == *recorded;
+            },
+            5000));
+        // Nothing was typed, and the window's text is its own.
+        m_portalOutput += m_portal.readAllStandardOutput();
+        QCOMPARE(m_portalOutput.count("key "), keysBefore);
+        QCOMPARE(m_field->content(u"entry"_s)->text, QString());
     }
 
     void cleanup()

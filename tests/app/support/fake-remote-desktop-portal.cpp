@@ -4,12 +4,13 @@
 // the running frontend and answers every request at once, with no dialog; it types
 // nothing. Driven by a test over standard input:
 //   close                  the desktop closes the session (Session.Closed)
+//   refuse                 the user declines every request to start from now on
 // It writes one line per event:
 //   ready                  its bus name is taken
 //   register <app id>      a client registered its app id (Registry, 1.20 and later)
 //   create                 a client created a RemoteDesktop session
 //   select <types> <persist mode> <restore token or ->
-//   start <restore token it hands out>
+//   start <restore token it hands out> | start refused
 //   key <keysym> <state>
 #include <QCoreApplication>
 #include <QDBusAbstractAdaptor>
@@ -57,6 +58,7 @@ public:
     uint version() const { return 2; }
 
     QString session;
+    bool refuse = false; // the user declines every Start from now on
 
     void closeSession()
     {
@@ -86,6 +88,10 @@ public Q_SLOTS:
     {
         static_cast<void>(sessionHandle);
         static_cast<void>(parentWindow);
+        if (refuse) {
+            std::printf("start refused\n");
+            return respond(options, {}, 1);
+        }
         const QString token = u"token-%1"_s.arg(++m_starts);
         std::printf("start %s\n", qPrintable(token));
         return respond(options, { { u"devices"_s, 1U }, { u"restore_token"_s, token } });
@@ -108,13 +114,13 @@ private:
     }
 
     // The request's handle now; its Response right after the reply, as a frontend sends it.
-    QDBusObjectPath respond(const QVariantMap& options, const QVariantMap& results)
+    QDBusObjectPath respond(const QVariantMap& options, const QVariantMap& results, uint code = 0)
     {
         const QString request = path(u"request"_s, options.value(u"handle_token"_s).toString());
-        QTimer::singleShot(0, this, [request, results] {
+        QTimer::singleShot(0, this, [request, results, code] {
             QDBusMessage response
                 = QDBusMessage::createSignal(request, u"org.freedesktop.portal.Request"_s, u"Response"_s);
-            response << 0U << results;
+            response << code << results;
             QDBusConnection::sessionBus().send(response);
         });
         return QDBusObjectPath(request);
@@ -155,6 +161,8 @@ int main(int argc, char* argv[])
         for (const QByteArray& command : QByteArray(line, got).split('\n')) {
             if (command == "close")
                 frontend.closeSession();
+            else if (command == "refuse")
+                frontend.refuse = true;
         }
     });
     return QCoreApplication::exec();
