@@ -99,13 +99,13 @@ private:
         return recorded;
     }
 
-    // Waits for the portal backend to write a line starting with this.
-    bool waitForBackend(const QByteArray& prefix)
+    // Waits for the portal backend to write a line starting with this, after `from` bytes of its output.
+    bool waitForBackend(const QByteArray& prefix, qsizetype from = 0)
     {
         return QTest::qWaitFor(
             [&] {
                 m_backendOutput += m_backend.readAllStandardOutput();
-                for (const QByteArray& line : m_backendOutput.split('\n')) {
+                for (const QByteArray& line : m_backendOutput.mid(from).split('\n')) {
                     if (line.startsWith(prefix))
                         return true;
                 }
@@ -224,6 +224,52 @@ private Q_SLOTS:
         QVERIFY(m_field->hasFocus(u"entry"_s));
     }
 
+    void theAppIdReachesThePortalBeforeAnythingElse()
+    {
+        // A stand-in for the portal frontend that sees every call and holds the answer to
+        // Register until told.
+        QProcess frontend;
+        frontend.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        frontend.start(QStringLiteral(QUILLET_FAKE_PORTAL), { u"--frontend"_s });
+        QVERIFY(frontend.waitForStarted(5000));
+        QByteArray seen;
+        const auto waitForFrontend = [&](const QByteArray& prefix) {
+            return QTest::qWaitFor(
+                [&] {
+                    seen += frontend.readAllStandardOutput();
+                    return seen.split('\n').contains(prefix);
+                },
+                10000);
+        };
+        QVERIFY(waitForFrontend("ready"));
+
+        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
+        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
+        m_program.reset();
+        m_program = std::make_unique<QuilletProgram>(
+            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        QVERIFY(m_program->launch());
+        QVERIFY(waitForFrontend("register " QUILLET_APP_ID));
+        // While the portal has not answered, Quillet has not gone on to make its application
+        // object: it has not even said which session it runs in.
+        QTest::qWait(500);
+        for (const QuilletProgram::Line& line : m_program->lines())
+            QVERIFY2(!line.text.contains(u"desktop session"_s), qPrintable(line.text));
+        frontend.write("answer\n");
+        QVERIFY(m_program->waitForLine(u"▶️ [Quillet] desktop session wayland"_s));
+        // The shortcut's session is asked for after that, never before.
+        QVERIFY(waitForFrontend("call org.freedesktop.portal.GlobalShortcuts.CreateSession"));
+        const QList<QByteArray> calls = seen.split('\n');
+        QCOMPARE(calls.value(1), QByteArray("register " QUILLET_APP_ID));
+        // The desktop had no shortcut to give: Quillet says so and goes on.
+        QVERIFY(
+            m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: the desktop has no GlobalShortcuts portal"_s));
+        m_program.reset();
+        frontend.closeWriteChannel();
+        frontend.terminate();
+        QVERIFY(frontend.waitForFinished(5000));
+    }
+
     void theDesktopsPortalShortcutHoldsAndDoubleTaps()
     {
         QTest::qWait(2000);
@@ -329,6 +375,32 @@ private Q_SLOTS:
         QVERIFY(rewritten);
         QCOMPARE(rewritten->text, *recorded);
         QVERIFY(m_field->hasFocus(u"entry"_s));
+    }
+
+    void aSecondStartReusesTheShortcutTheDesktopRemembers()
+    {
+        // The desktop remembers "dictate" and the key the user gave it (Ctrl+Alt+D, in the
+        // test before): a new start takes that as it is, and binds nothing again.
+        m_backendOutput += m_backend.readAllStandardOutput();
+        const qsizetype from = m_backendOutput.size();
+        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
+        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
+        m_program.reset();
+        m_program = std::make_unique<QuilletProgram>(
+            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        QVERIFY(m_program->start());
+        QVERIFY(waitForBackend("listed dictate", from));
+        QVERIFY(m_program->waitForLine(
+            u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Ctrl+Alt+D"_s));
+        m_backendOutput += m_backend.readAllStandardOutput();
+        QVERIFY2(!m_backendOutput.mid(from).contains("bound "), m_backendOutput.mid(from).constData());
+
+        // And the remembered shortcut still works.
+        const qsizetype lines = m_program->lineCount();
+        m_backend.write("press\n");
+        QVERIFY(m_program->waitForLine(u"🔑 [Quillet] shortcut pressed hotkey=fn"_s, lines));
+        m_backend.write("release\n");
+        QVERIFY(m_program->waitForLine(u"🛑 [Quillet] hotkeyEnded"_s, lines));
     }
 
     void cleanup()

@@ -8,6 +8,8 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -16,7 +18,6 @@ const QString portalService = u"org.freedesktop.portal.Desktop"_s;
 const QString portalPath = u"/org/freedesktop/portal/desktop"_s;
 const QString shortcutsInterface = u"org.freedesktop.portal.GlobalShortcuts"_s;
 const QString requestInterface = u"org.freedesktop.portal.Request"_s;
-const QString registryInterface = u"org.freedesktop.host.portal.Registry"_s;
 
 // One entry of BindShortcuts' a(sa{sv}).
 struct PortalShortcut {
@@ -63,6 +64,18 @@ QString triggerIn(const QVariant& listed)
     return trigger;
 }
 
+// Whether an a(sa{sv}) list holds our shortcut.
+bool listsOurShortcut(const QVariant& listed)
+{
+    if (!listed.canConvert<QDBusArgument>())
+        return false;
+    PortalShortcutList shortcuts;
+    listed.value<QDBusArgument>() >> shortcuts;
+    return std::any_of(shortcuts.cbegin(), shortcuts.cend(), [](const PortalShortcut& shortcut) {
+        return shortcut.id == QLatin1StringView(GlobalShortcutsPortal::shortcutId);
+    });
+}
+
 } // namespace
 
 GlobalShortcutsPortal::GlobalShortcutsPortal(QObject* parent)
@@ -88,17 +101,8 @@ void GlobalShortcutsPortal::start(const QString& preferredTrigger)
         Q_EMIT unavailable(u"no session bus"_s);
         return;
     }
-    // The portal knows an unsandboxed program only by the app id it registers (1.20 and
-    // later), before any other portal call; older portals answer with an error, ignored.
-    // It is the name of the installed desktop entry, as the portal expects.
-    QDBusMessage registration
-        = QDBusMessage::createMethodCall(portalService, portalPath, registryInterface, u"Register"_s);
-    registration << QStringLiteral(QUILLET_APP_ID) << QVariantMap();
-    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(registration, 2000), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* call) {
-        call->deleteLater();
-        createSession();
-    });
+    // The app id was registered in main(), before any other portal call could be made.
+    createSession();
 }
 
 // QtDBus subscribes to another process's signals only through a slot's signature
@@ -148,6 +152,48 @@ void GlobalShortcutsPortal::onSessionResponse(uint response, const QVariantMap& 
     bus.connect(portalService, portalPath, shortcutsInterface, u"ShortcutsChanged"_s, this,
         SLOT(onShortcutsChanged(QDBusMessage)));
 
+    listShortcuts();
+}
+
+void GlobalShortcutsPortal::listShortcuts()
+{
+    // A desktop that has seen Quillet before remembers the shortcut and its key under the
+    // app id: reuse that, so a desktop that asks the user in a dialog asks only once.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const QString token = u"quillet_list"_s;
+    m_listRequest = requestPath(token);
+    bus.connect(
+        portalService, m_listRequest, requestInterface, u"Response"_s, this, SLOT(onListResponse(uint, QVariantMap)));
+    QDBusMessage call
+        = QDBusMessage::createMethodCall(portalService, portalPath, shortcutsInterface, u"ListShortcuts"_s);
+    call << QVariant::fromValue(QDBusObjectPath(m_session)) << QVariantMap { { u"handle_token"_s, token } };
+    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* pending) {
+        pending->deleteLater();
+        if (!pending->isError())
+            return;
+        // Nothing to reuse: bind as a first start would.
+        QDBusConnection::sessionBus().disconnect(portalService, m_listRequest, requestInterface, u"Response"_s, this,
+            SLOT(onListResponse(uint, QVariantMap)));
+        bindShortcuts();
+    });
+}
+
+void GlobalShortcutsPortal::onListResponse(uint response, const QVariantMap& results)
+{
+    QDBusConnection::sessionBus().disconnect(
+        portalService, m_listRequest, requestInterface, u"Response"_s, this, SLOT(onListResponse(uint, QVariantMap)));
+    const QVariant listed = results.value(u"shortcuts"_s);
+    if (response == 0 && listsOurShortcut(listed)) {
+        Q_EMIT bound(triggerIn(listed));
+        return;
+    }
+    bindShortcuts();
+}
+
+void GlobalShortcutsPortal::bindShortcuts()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
     const QString token = u"quillet_bind"_s;
     m_bindRequest = requestPath(token);
     bus.connect(
