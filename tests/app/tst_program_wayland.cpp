@@ -99,6 +99,17 @@ private:
         return recorded;
     }
 
+    // A new Quillet on the test's backend, with fn as its hotkey, in place of the one before
+    // (which ends first: only one runs at a time). Not started yet.
+    void replaceProgram()
+    {
+        m_program.reset();
+        m_program = std::make_unique<QuilletProgram>(QStringLiteral(QUILLET_BINARY),
+            m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash),
+            m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash),
+            QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+    }
+
     // Waits for the portal backend to write a line starting with this, after `from` bytes of its output.
     bool waitForBackend(const QByteArray& prefix, qsizetype from = 0)
     {
@@ -129,10 +140,7 @@ private Q_SLOTS:
         QString error;
         m_server = std::make_unique<ServerProcess>();
         QVERIFY2(m_server->start(&error), qPrintable(error));
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
 
         // Before it runs, a binding has nobody to hand its press to.
         QByteArray output;
@@ -243,11 +251,7 @@ private Q_SLOTS:
         };
         QVERIFY(waitForFrontend("ready"));
 
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program.reset();
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
         QVERIFY(m_program->launch());
         QVERIFY(waitForFrontend("register " QUILLET_APP_ID));
         // While the portal has not answered, Quillet has not gone on to make its application
@@ -301,11 +305,7 @@ private Q_SLOTS:
         QTest::qWait(500); // the frontend takes its name before it has read its backends
 
         // A Quillet started now binds "dictate" through the portal, with fn's stand-in as its wish.
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program.reset();
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
         QVERIFY(m_program->start());
         QVERIFY(waitForBackend("bound dictate Menu|Hold to dictate"));
         QVERIFY(m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Menu"_s));
@@ -383,11 +383,7 @@ private Q_SLOTS:
         // test before): a new start takes that as it is, and binds nothing again.
         m_backendOutput += m_backend.readAllStandardOutput();
         const qsizetype from = m_backendOutput.size();
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program.reset();
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
         QVERIFY(m_program->start());
         QVERIFY(waitForBackend("listed dictate", from));
         QVERIFY(m_program->waitForLine(
