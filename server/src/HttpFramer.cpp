@@ -1,5 +1,7 @@
 #include "HttpFramer.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr qsizetype maxChunkLineBytes = 1024;
@@ -48,6 +50,15 @@ qint64 chunkSize(QByteArrayView line)
         size = size * 16 + v;
     }
     return size;
+}
+
+// A chunk framing line without its CR LF: no control character but tab.
+bool isChunkLine(QByteArrayView line)
+{
+    return std::none_of(line.begin(), line.end(), [](char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return (u < 0x20 && u != '\t') || u == 0x7f;
+    });
 }
 
 // Visible ASCII only: Qt's parser drops a connection on anything else in a target, and
@@ -286,6 +297,11 @@ std::vector<HttpFramer::Event> HttpFramer::feed(QByteArrayView bytes)
                     return fail(400);
                 break;
             }
+            // Qt's parser reads a bare line feed, or any other control character, as part of
+            // a chunk extension and looks for the CR LF after it: accepting one here would
+            // make the two disagree about where the chunk, and so the request, ends.
+            if (!m_line.endsWith('\r') || !isChunkLine(QByteArrayView(m_line).chopped(1)))
+                return fail(400);
             const QByteArrayView line = withoutCr(m_line);
             if (m_state == State::ChunkDataEnd) {
                 if (!line.isEmpty())

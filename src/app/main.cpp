@@ -128,6 +128,17 @@ int main(int argc, char* argv[])
     if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 
+    // The desktop portal takes an app id only before any other call on the connection, and
+    // creating the application object may already make one (a theme reading the desktop's
+    // settings). Only a Wayland session has portal routes to speak of.
+    if (DesktopSession::current() == DesktopSession::Type::wayland) {
+        if (const std::optional<QString> failed
+            = DesktopSession::registerWithPortal(QStringLiteral(QUILLET_APP_ID), 2000))
+            Log::write(Log::Symbol::Warning,
+                u"the desktop portal did not take the app id " QUILLET_APP_ID " ("_s + *failed
+                    + u"): it may not find Quillet's shortcut or its permissions"_s);
+    }
+
     // On a Wayland session the windows go through Xwayland where it runs: only there can
     // the capsule float without taking the focus.
     DesktopSession::prepareGuiPlatform();

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 // Which kind of desktop session this program runs in, and which routes it takes there
 // for the hotkey, the text insertion and the capsule. Decided once, when the program
 // starts, from the environment: one binary serves X11 and Wayland sessions alike. The
@@ -63,6 +65,14 @@ Routes currentRoutes();
 // Call forgetGuiPlatformChoice() once the application object exists.
 void prepareGuiPlatform();
 void forgetGuiPlatformChoice();
+
+// Tells the desktop portal which app id this program is (xdg-desktop-portal 1.20 and
+// later know an unsandboxed program only by what it registers, and only before any other
+// portal call on its bus connection; it must name the installed desktop entry). Call in
+// main() on a Wayland session before the application object exists, since creating one
+// may already ask a portal for settings. Blocks for at most timeoutMs. Returns why it
+// failed, or nothing when the portal took the id or predates registration.
+std::optional<QString> registerWithPortal(const QString& appId, int timeoutMs);
 
 // Whether a window can float above the others without ever taking the keyboard focus
 // (the capsule). False where Qt draws native Wayland windows (the compositor focuses

@@ -99,13 +99,24 @@ private:
         return recorded;
     }
 
-    // Waits for the portal backend to write a line starting with this.
-    bool waitForBackend(const QByteArray& prefix)
+    // A new Quillet on the test's backend, with fn as its hotkey, in place of the one before
+    // (which ends first: only one runs at a time). Not started yet.
+    void replaceProgram()
+    {
+        m_program.reset();
+        m_program = std::make_unique<QuilletProgram>(QStringLiteral(QUILLET_BINARY),
+            m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash),
+            m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash),
+            QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+    }
+
+    // Waits for the portal backend to write a line starting with this, after `from` bytes of its output.
+    bool waitForBackend(const QByteArray& prefix, qsizetype from = 0)
     {
         return QTest::qWaitFor(
             [&] {
                 m_backendOutput += m_backend.readAllStandardOutput();
-                for (const QByteArray& line : m_backendOutput.split('\n')) {
+                for (const QByteArray& line : m_backendOutput.mid(from).split('\n')) {
                     if (line.startsWith(prefix))
                         return true;
                 }
@@ -129,10 +140,7 @@ private Q_SLOTS:
         QString error;
         m_server = std::make_unique<ServerProcess>();
         QVERIFY2(m_server->start(&error), qPrintable(error));
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
 
         // Before it runs, a binding has nobody to hand its press to.
         QByteArray output;
@@ -224,6 +232,48 @@ private Q_SLOTS:
         QVERIFY(m_field->hasFocus(u"entry"_s));
     }
 
+    void theAppIdReachesThePortalBeforeAnythingElse()
+    {
+        // A stand-in for the portal frontend that sees every call and holds the answer to
+        // Register until told.
+        QProcess frontend;
+        frontend.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        frontend.start(QStringLiteral(QUILLET_FAKE_PORTAL), { u"--frontend"_s });
+        QVERIFY(frontend.waitForStarted(5000));
+        QByteArray seen;
+        const auto waitForFrontend = [&](const QByteArray& prefix) {
+            return QTest::qWaitFor(
+                [&] {
+                    seen += frontend.readAllStandardOutput();
+                    return seen.split('\n').contains(prefix);
+                },
+                10000);
+        };
+        QVERIFY(waitForFrontend("ready"));
+
+        replaceProgram();
+        QVERIFY(m_program->launch());
+        QVERIFY(waitForFrontend("register " QUILLET_APP_ID));
+        // While the portal has not answered, Quillet has not gone on to make its application
+        // object: it has not even said which session it runs in.
+        QTest::qWait(500);
+        for (const QuilletProgram::Line& line : m_program->lines())
+            QVERIFY2(!line.text.contains(u"desktop session"_s), qPrintable(line.text));
+        frontend.write("answer\n");
+        QVERIFY(m_program->waitForLine(u"▶️ [Quillet] desktop session wayland"_s));
+        // The shortcut's session is asked for after that, never before.
+        QVERIFY(waitForFrontend("call org.freedesktop.portal.GlobalShortcuts.CreateSession"));
+        const QList<QByteArray> calls = seen.split('\n');
+        QCOMPARE(calls.value(1), QByteArray("register " QUILLET_APP_ID));
+        // The desktop had no shortcut to give: Quillet says so and goes on.
+        QVERIFY(
+            m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: the desktop has no GlobalShortcuts portal"_s));
+        m_program.reset();
+        frontend.closeWriteChannel();
+        frontend.terminate();
+        QVERIFY(frontend.waitForFinished(5000));
+    }
+
     void theDesktopsPortalShortcutHoldsAndDoubleTaps()
     {
         QTest::qWait(2000);
@@ -255,11 +305,7 @@ private Q_SLOTS:
         QTest::qWait(500); // the frontend takes its name before it has read its backends
 
         // A Quillet started now binds "dictate" through the portal, with fn's stand-in as its wish.
-        const QString api = m_server->apiUrl(QString()).toString(QUrl::StripTrailingSlash);
-        const QString site = m_server->siteUrl(QString()).toString(QUrl::StripTrailingSlash);
-        m_program.reset();
-        m_program = std::make_unique<QuilletProgram>(
-            QStringLiteral(QUILLET_BINARY), api, site, QStringList { u"hotkey=fn"_s, u"onboarding.complete=true"_s });
+        replaceProgram();
         QVERIFY(m_program->start());
         QVERIFY(waitForBackend("bound dictate Menu|Hold to dictate"));
         QVERIFY(m_program->waitForLine(u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Menu"_s));
@@ -329,6 +375,28 @@ private Q_SLOTS:
         QVERIFY(rewritten);
         QCOMPARE(rewritten->text, *recorded);
         QVERIFY(m_field->hasFocus(u"entry"_s));
+    }
+
+    void aSecondStartReusesTheShortcutTheDesktopRemembers()
+    {
+        // The desktop remembers "dictate" and the key the user gave it (Ctrl+Alt+D, in the
+        // test before): a new start takes that as it is, and binds nothing again.
+        m_backendOutput += m_backend.readAllStandardOutput();
+        const qsizetype from = m_backendOutput.size();
+        replaceProgram();
+        QVERIFY(m_program->start());
+        QVERIFY(waitForBackend("listed dictate", from));
+        QVERIFY(m_program->waitForLine(
+            u"🔑 [Quillet] GlobalShortcuts portal: \"Hold to dictate\" is bound to Ctrl+Alt+D"_s));
+        m_backendOutput += m_backend.readAllStandardOutput();
+        QVERIFY2(!m_backendOutput.mid(from).contains("bound "), m_backendOutput.mid(from).constData());
+
+        // And the remembered shortcut still works.
+        const qsizetype lines = m_program->lineCount();
+        m_backend.write("press\n");
+        QVERIFY(m_program->waitForLine(u"🔑 [Quillet] shortcut pressed hotkey=fn"_s, lines));
+        m_backend.write("release\n");
+        QVERIFY(m_program->waitForLine(u"🛑 [Quillet] hotkeyEnded"_s, lines));
     }
 
     void cleanup()

@@ -99,6 +99,21 @@ private Q_SLOTS:
             << QByteArray("GET /he\x01lth HTTP/1.1\r\n\r\n") << QByteArray("E400");
         QTest::newRow("control character in a value")
             << QByteArray("GET / HTTP/1.1\r\nX: a\x7f\r\n\r\n") << QByteArray("E400");
+        // Qt's parser would read these as part of a chunk extension, and the chunk's data
+        // (here the request's last chunk) would start later than the framer thought.
+        QTest::newRow("bare line feed after a chunk size")
+            << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                          "6;ext=1\n world\r\n00\r\n\r\nGET / HTTP/1.1\r\n\r\n")
+            << QByteArray("HE400");
+        QTest::newRow("control character in a chunk extension")
+            << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n6;ext=1\x0c\r\n world\r\n0\r\n\r\n")
+            << QByteArray("HE400");
+        QTest::newRow("bare line feed after chunk data")
+            << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\n0\r\n\r\n")
+            << QByteArray("HE400");
+        QTest::newRow("bare line feed ending the chunks")
+            << QByteArray("POST /x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\n")
+            << QByteArray("HE400");
         QTest::newRow("missing chunk end")
             << QByteArray("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nab\r\n") << QByteArray("HE400");
     }

@@ -1,7 +1,5 @@
 #include "platform/linux/GlobalShortcutsPortal.h"
 
-#include "platform/linux/PortalRegistration.h"
-
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -9,6 +7,8 @@
 #include <QDBusMetaType>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+
+#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
@@ -64,6 +64,18 @@ QString triggerIn(const QVariant& listed)
     return trigger;
 }
 
+// Whether an a(sa{sv}) list holds our shortcut.
+bool listsOurShortcut(const QVariant& listed)
+{
+    if (!listed.canConvert<QDBusArgument>())
+        return false;
+    PortalShortcutList shortcuts;
+    listed.value<QDBusArgument>() >> shortcuts;
+    return std::any_of(shortcuts.cbegin(), shortcuts.cend(), [](const PortalShortcut& shortcut) {
+        return shortcut.id == QLatin1StringView(GlobalShortcutsPortal::shortcutId);
+    });
+}
+
 } // namespace
 
 GlobalShortcutsPortal::GlobalShortcutsPortal(QObject* parent)
@@ -89,8 +101,8 @@ void GlobalShortcutsPortal::start(const QString& preferredTrigger)
         Q_EMIT unavailable(u"no session bus"_s);
         return;
     }
-    // Without an app id, KWin binds nothing for us.
-    afterPortalRegistration(this, [this] { createSession(); });
+    // The app id was registered in main(), before any other portal call could be made.
+    createSession();
 }
 
 // QtDBus subscribes to another process's signals only through a slot's signature
@@ -140,6 +152,48 @@ void GlobalShortcutsPortal::onSessionResponse(uint response, const QVariantMap& 
     bus.connect(portalService, portalPath, shortcutsInterface, u"ShortcutsChanged"_s, this,
         SLOT(onShortcutsChanged(QDBusMessage)));
 
+    listShortcuts();
+}
+
+void GlobalShortcutsPortal::listShortcuts()
+{
+    // A desktop that has seen Quillet before remembers the shortcut and its key under the
+    // app id: reuse that, so a desktop that asks the user in a dialog asks only once.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    const QString token = u"quillet_list"_s;
+    m_listRequest = requestPath(token);
+    bus.connect(
+        portalService, m_listRequest, requestInterface, u"Response"_s, this, SLOT(onListResponse(uint, QVariantMap)));
+    QDBusMessage call
+        = QDBusMessage::createMethodCall(portalService, portalPath, shortcutsInterface, u"ListShortcuts"_s);
+    call << QVariant::fromValue(QDBusObjectPath(m_session)) << QVariantMap { { u"handle_token"_s, token } };
+    auto* watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, 5000), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* pending) {
+        pending->deleteLater();
+        if (!pending->isError())
+            return;
+        // Nothing to reuse: bind as a first start would.
+        QDBusConnection::sessionBus().disconnect(portalService, m_listRequest, requestInterface, u"Response"_s, this,
+            SLOT(onListResponse(uint, QVariantMap)));
+        bindShortcuts();
+    });
+}
+
+void GlobalShortcutsPortal::onListResponse(uint response, const QVariantMap& results)
+{
+    QDBusConnection::sessionBus().disconnect(
+        portalService, m_listRequest, requestInterface, u"Response"_s, this, SLOT(onListResponse(uint, QVariantMap)));
+    const QVariant listed = results.value(u"shortcuts"_s);
+    if (response == 0 && listsOurShortcut(listed)) {
+        Q_EMIT bound(triggerIn(listed));
+        return;
+    }
+    bindShortcuts();
+}
+
+void GlobalShortcutsPortal::bindShortcuts()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
     const QString token = u"quillet_bind"_s;
     m_bindRequest = requestPath(token);
     bus.connect(

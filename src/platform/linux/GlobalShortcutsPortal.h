@@ -17,8 +17,9 @@ class GlobalShortcutsPortal : public QObject
 public:
     explicit GlobalShortcutsPortal(QObject* parent = nullptr);
 
-    // Registers the app id where the portal offers that, creates the session and binds
-    // the shortcut with this preferred trigger (XDG shortcuts notation, "Menu").
+    // Creates the session and reuses the shortcut the desktop remembers for this app id,
+    // or binds it with this preferred trigger (XDG shortcuts notation, "Menu"). The app
+    // id itself is registered before the application object exists (main()).
     void start(const QString& preferredTrigger);
 
     // The one shortcut's id and its description as the desktop shows it.
@@ -36,6 +37,7 @@ Q_SIGNALS:
 
 private Q_SLOTS:
     void onSessionResponse(uint response, const QVariantMap& results);
+    void onListResponse(uint response, const QVariantMap& results);
     void onBindResponse(uint response, const QVariantMap& results);
     // ShortcutsChanged(o session_handle, a(sa{sv}) shortcuts), read from the message.
     void onShortcutsChanged(const QDBusMessage& message);
@@ -48,9 +50,12 @@ private:
     // The path the portal will answer a request with this token on, for this connection.
     QString requestPath(const QString& token) const;
     void createSession();
+    void listShortcuts();
+    void bindShortcuts();
 
     QString m_preferredTrigger;
     QString m_session;
     QString m_sessionRequest;
+    QString m_listRequest;
     QString m_bindRequest;
 };

@@ -4,6 +4,7 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusReply>
 #include <QDBusVariant>
@@ -153,6 +154,26 @@ void forgetGuiPlatformChoice()
     if (platformChosenHere)
         qunsetenv("QT_QPA_PLATFORM");
     platformChosenHere = false;
+}
+
+std::optional<QString> registerWithPortal(const QString& appId, int timeoutMs)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return u"no session bus"_s;
+    QDBusMessage call = QDBusMessage::createMethodCall(u"org.freedesktop.portal.Desktop"_s,
+        u"/org/freedesktop/portal/desktop"_s, u"org.freedesktop.host.portal.Registry"_s, u"Register"_s);
+    call << appId << QVariantMap();
+    const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs);
+    if (reply.type() != QDBusMessage::ErrorMessage)
+        return std::nullopt;
+    // No portal at all, or one from before registration: it knows us some other way or
+    // not at all, and the routes that need it say so themselves.
+    const QDBusError::ErrorType error = QDBusError(reply).type();
+    if (error == QDBusError::ServiceUnknown || error == QDBusError::UnknownInterface
+        || error == QDBusError::UnknownMethod || error == QDBusError::UnknownObject)
+        return std::nullopt;
+    return reply.errorName() + u": "_s + reply.errorMessage();
 }
 
 bool canShowUnfocusedWindows()

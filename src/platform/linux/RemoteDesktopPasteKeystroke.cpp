@@ -2,7 +2,6 @@
 
 #include "platform/linux/AtspiTextAccessibility.h"
 #include "platform/linux/FocusedTerminal.h"
-#include "platform/linux/PortalRegistration.h"
 
 #include <QDBusConnection>
 #include <QDBusObjectPath>
@@ -165,16 +164,11 @@ void RemoteDesktopPasteKeystroke::open()
     // An answer still awaited belongs to the session given up on.
     if (!m_pendingToken.isEmpty())
         stopListening(m_pendingToken, m_pendingSlot);
-    // Not before the app id is registered, where the portal takes one: the desktop's
+    // The app id went to the portal in main(), before any portal call: the desktop's
     // consent, and its memory of it, are for Quillet by name.
-    afterPortalRegistration(this, [this] {
-        if (m_state != State::opening || !m_session.isEmpty() || !m_pendingToken.isEmpty())
-            return;
-        const QString token = u"quillet_rd%1"_s.arg(++m_requests);
-        request(u"CreateSession"_s,
-            { QVariantMap { { u"handle_token"_s, token }, { u"session_handle_token"_s, token } } }, token,
-            SLOT(onCreateSessionResponse(uint, QVariantMap)));
-    });
+    const QString token = u"quillet_rd%1"_s.arg(++m_requests);
+    request(u"CreateSession"_s, { QVariantMap { { u"handle_token"_s, token }, { u"session_handle_token"_s, token } } },
+        token, SLOT(onCreateSessionResponse(uint, QVariantMap)));
 }
 
 // QtDBus subscribes to another process's signals only through a slot's signature

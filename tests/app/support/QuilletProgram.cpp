@@ -40,10 +40,15 @@ QuilletProgram::~QuilletProgram()
     stop();
 }
 
-bool QuilletProgram::start()
+bool QuilletProgram::launch()
 {
     m_process.start(m_executable, {});
-    if (!m_process.waitForStarted(5000))
+    return m_process.waitForStarted(5000);
+}
+
+bool QuilletProgram::start()
+{
+    if (!launch())
         return false;
     return waitForLine(u"✅ [Quillet] Event tap created"_s).has_value();
 }

@@ -30,6 +30,8 @@ public:
 
     // Starts the program and waits for its key monitor to report.
     bool start();
+    // Starts the program and waits for nothing more.
+    bool launch();
     void stop();
     qint64 processId() const { return m_process.processId(); }
 

@@ -6,14 +6,26 @@
 //   ready                  its bus name is taken
 //   session <app id>       a client created a session (app id empty when unsandboxed)
 //   bound <id> <preferred trigger>|<description>
-// Every shortcut is bound to its preferred trigger, as a desktop without a dialog would.
+//   listed <ids>           a client asked which shortcuts its app id has (ListShortcuts)
+// Every shortcut is bound to its preferred trigger, as a desktop without a dialog would,
+// and remembered under the app id for later sessions, as a desktop does.
+//
+// With --frontend it stands in for the portal frontend itself (org.freedesktop.portal.Desktop)
+// instead, to see the order of a client's calls, and writes:
+//   register <app id>      org.freedesktop.host.portal.Registry.Register, answered only
+//                          when the test writes "answer"
+//   call <interface>.<method>   any other call, answered with an error
 #include <QCoreApplication>
 #include <QDBusArgument>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusError>
+#include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
+#include <QDBusVirtualObject>
 #include <QDateTime>
+#include <QHash>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QVariantMap>
@@ -56,8 +68,11 @@ public:
     uint version() const { return 1; }
 
     QDBusObjectPath session;
+    QString sessionAppId;
     QString boundId;
     QVariant boundDescription;
+    // What each app id has bound, with the keys as the desktop describes them.
+    QHash<QString, ShortcutList> remembered;
 
 public Q_SLOTS:
     uint CreateSession(const QDBusObjectPath& handle, const QDBusObjectPath& sessionHandle, const QString& appId,
@@ -66,6 +81,7 @@ public Q_SLOTS:
         static_cast<void>(handle);
         static_cast<void>(options);
         session = sessionHandle;
+        sessionAppId = appId;
         results = QVariantMap();
         std::printf("session %s\n", qPrintable(appId));
         return 0;
@@ -89,6 +105,7 @@ public Q_SLOTS:
                 { { u"description"_s, shortcut.properties.value(u"description"_s) },
                     { u"trigger_description"_s, trigger } } });
         }
+        remembered.insert(sessionAppId, bound);
         results = { { u"shortcuts"_s, QVariant::fromValue(bound) } };
         return 0;
     }
@@ -97,7 +114,12 @@ public Q_SLOTS:
     {
         static_cast<void>(handle);
         static_cast<void>(sessionHandle);
-        results = QVariantMap();
+        const ShortcutList listed = remembered.value(sessionAppId);
+        QStringList ids;
+        for (const Shortcut& shortcut : listed)
+            ids << shortcut.id;
+        std::printf("listed %s\n", qPrintable(ids.join(u',')));
+        results = { { u"shortcuts"_s, QVariant::fromValue(listed) } };
         return 0;
     }
 
@@ -109,10 +131,70 @@ Q_SIGNALS:
     void ShortcutsChanged(const QDBusObjectPath& session_handle, const ShortcutList& shortcuts);
 };
 
+// The frontend's stand-in: every call to org.freedesktop.portal.Desktop, in the order it came.
+class RecordingFrontend : public QDBusVirtualObject
+{
+public:
+    QList<QDBusMessage> heldRegistrations;
+
+    QString introspect(const QString& path) const override
+    {
+        static_cast<void>(path);
+        return QString();
+    }
+
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
+    {
+        if (message.type() != QDBusMessage::MethodCallMessage)
+            return false;
+        if (message.interface() == u"org.freedesktop.host.portal.Registry"_s && message.member() == u"Register"_s) {
+            std::printf("register %s\n", qPrintable(message.arguments().value(0).toString()));
+            message.setDelayedReply(true);
+            heldRegistrations.append(message);
+            return true;
+        }
+        std::printf("call %s.%s\n", qPrintable(message.interface()), qPrintable(message.member()));
+        connection.send(message.createErrorReply(QDBusError::NotSupported, u"not in this test"_s));
+        return true;
+    }
+};
+
+int runFrontend()
+{
+    RecordingFrontend frontend;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    // The real frontend may have been started by the bus already; it lets itself be replaced.
+    if (!bus.registerVirtualObject(u"/org/freedesktop/portal/desktop"_s, &frontend)
+        || bus.interface()->registerService(u"org.freedesktop.portal.Desktop"_s,
+               QDBusConnectionInterface::ReplaceExistingService, QDBusConnectionInterface::AllowReplacement)
+            != QDBusConnectionInterface::ServiceRegistered) {
+        std::fprintf(stderr, "fake-shortcuts-portal: %s\n", qPrintable(bus.lastError().message()));
+        return 1;
+    }
+    std::printf("ready\n");
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    QObject::connect(&input, &QSocketNotifier::activated, &frontend, [&] {
+        char line[64] = {};
+        const ssize_t got = read(STDIN_FILENO, line, sizeof line - 1);
+        if (got <= 0) {
+            QCoreApplication::quit();
+            return;
+        }
+        if (QByteArray(line, got).contains("answer")) {
+            for (const QDBusMessage& held : std::as_const(frontend.heldRegistrations))
+                QDBusConnection::sessionBus().send(held.createReply());
+            frontend.heldRegistrations.clear();
+        }
+    });
+    return QCoreApplication::exec();
+}
+
 int main(int argc, char* argv[])
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     QCoreApplication app(argc, argv);
+    if (app.arguments().contains(u"--frontend"_s))
+        return runFrontend();
     qDBusRegisterMetaType<Shortcut>();
     qDBusRegisterMetaType<ShortcutList>();
     ShortcutsBackend backend;
@@ -140,11 +222,13 @@ int main(int argc, char* argv[])
                 Q_EMIT backend.Activated(backend.session, backend.boundId, now, {});
             else if (command == "release")
                 Q_EMIT backend.Deactivated(backend.session, backend.boundId, now, {});
-            else if (command.startsWith("rebind "))
-                Q_EMIT backend.ShortcutsChanged(backend.session,
-                    { { backend.boundId,
-                        { { u"description"_s, backend.boundDescription },
-                            { u"trigger_description"_s, QString::fromUtf8(command.mid(7)) } } } });
+            else if (command.startsWith("rebind ")) {
+                const ShortcutList rebound { { backend.boundId,
+                    { { u"description"_s, backend.boundDescription },
+                        { u"trigger_description"_s, QString::fromUtf8(command.mid(7)) } } } };
+                backend.remembered.insert(backend.sessionAppId, rebound);
+                Q_EMIT backend.ShortcutsChanged(backend.session, rebound);
+            }
         }
     });
     return QCoreApplication::exec();
