@@ -2,6 +2,11 @@
 
 #include "platform/linux/ChildProcess.h"
 
+#include <QProcess>
+
+#include <csignal>
+#include <sys/prctl.h>
+
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
@@ -15,11 +20,47 @@ constexpr std::chrono::milliseconds clientTimeout = 1s;
 
 WlClipboardPasteboard::WlClipboardPasteboard(bool available)
     : m_available(available)
-{ }
+{
+    if (m_available)
+        watch();
+}
+
+WlClipboardPasteboard::~WlClipboardPasteboard()
+{
+    if (m_watcher) {
+        m_watcher->disconnect();
+        m_watcher->kill();
+        m_watcher->waitForFinished(1000);
+    }
+}
+
+void WlClipboardPasteboard::watch()
+{
+    m_watcher = std::make_unique<QProcess>();
+    // The command reads the new selection's text to its end (its owner is not left
+    // writing into a closed pipe) and writes one line for it.
+    m_watcher->setProgram(u"wl-paste"_s);
+    m_watcher->setArguments(
+        { u"--no-newline"_s, u"--type"_s, u"text"_s, u"--watch"_s, u"sh"_s, u"-c"_s, u"cat >/dev/null; echo"_s });
+    m_watcher->setStandardErrorFile(QProcess::nullDevice());
+    // Never outlive this program, even when it is killed.
+    m_watcher->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    QObject::connect(m_watcher.get(), &QProcess::readyReadStandardOutput, m_watcher.get(), [this] {
+        m_watcher->readAllStandardOutput();
+        ++m_changes;
+        m_knownEmpty = false;
+    });
+    // Without the watcher nothing is known: every read asks again.
+    QObject::connect(m_watcher.get(), &QProcess::finished, m_watcher.get(), [this] {
+        m_knownEmpty = false;
+        m_watcher.release()->deleteLater();
+    });
+    m_watcher->start();
+}
 
 QCoro::Task<std::optional<QString>> WlClipboardPasteboard::plainText()
 {
-    if (!m_available)
+    if (!m_available || (m_knownEmpty && m_watcher))
         co_return std::nullopt;
     // Exits with 1 when the clipboard is empty or holds no text (only an image, say).
     // (Argument lists are built first: GCC 12 cannot take a braced list inside co_await.)
@@ -43,7 +84,11 @@ QCoro::Task<> WlClipboardPasteboard::clear()
     if (!m_available)
         co_return;
     const QStringList arguments { u"--clear"_s };
-    co_await runChildProcess(u"wl-copy"_s, arguments, QByteArray(), clientTimeout);
+    const quint64 changes = m_changes;
+    const std::optional<QByteArray> cleared
+        = co_await runChildProcess(u"wl-copy"_s, arguments, QByteArray(), clientTimeout);
+    // Whatever the watcher reported meanwhile may have come after the clear.
+    m_knownEmpty = cleared.has_value() && m_watcher && m_changes == changes;
 }
 
 QCoro::Task<> WlClipboardPasteboard::setPlainText(const QString& text)
@@ -52,6 +97,7 @@ QCoro::Task<> WlClipboardPasteboard::setPlainText(const QString& text)
         co_return;
     // The text goes through standard input: no length limit, and not on any command line.
     // The explicit type spares wl-copy guessing it, and it offers the usual text aliases.
+    m_knownEmpty = false;
     const QStringList arguments { u"--type"_s, u"text/plain"_s };
     co_await runChildProcess(u"wl-copy"_s, arguments, text.toUtf8(), clientTimeout);
 }

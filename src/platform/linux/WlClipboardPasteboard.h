@@ -2,16 +2,27 @@
 
 #include "platform/Pasteboard.h"
 
+#include <memory>
+
+class QProcess;
+
 // The Wayland clipboard through wl-clipboard's clients, which speak the compositor's
 // data-control protocol: a program without the keyboard focus may read and set the
 // clipboard only that way (Qt's clipboard is refused there). wl-copy leaves a copy of
 // itself behind to serve the text, so it outlives this program. Every call runs a
 // client without blocking the event loop.
+//
+// A `wl-paste --watch` runs beside for as long as this object lives, telling it each
+// time a new selection appears. So once this program has emptied the clipboard (the
+// restore after a paste over an empty one), it knows the clipboard stays empty until
+// then, and does not ask: some compositors (KWin 5.27) never answer a read of an empty
+// clipboard, and every paste would wait out the client's timeout.
 class WlClipboardPasteboard final : public Pasteboard
 {
 public:
     // available: the compositor offers data-control and both clients are installed.
     explicit WlClipboardPasteboard(bool available);
+    ~WlClipboardPasteboard() override;
 
     QCoro::Task<std::optional<QString>> plainText() override;
     QCoro::Task<QStringList> types() override;
@@ -20,5 +31,12 @@ public:
     bool canWrite() const override { return m_available; }
 
 private:
+    void watch();
+
     bool m_available;
+    std::unique_ptr<QProcess> m_watcher;
+    // New selections the watcher has reported.
+    quint64 m_changes = 0;
+    // This program emptied the clipboard and no selection has appeared since.
+    bool m_knownEmpty = false;
 };
