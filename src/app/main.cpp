@@ -1,195 +1,91 @@
-#include "app/AppDelegate.h"
-#include "app/HistoryText.h"
-#include "app/SignInLink.h"
+// The quillet command. A desktop's key binding runs it twice a dictation (--press, then
+// --release), and each run must be over in a few milliseconds: that answer comes from
+// this small launcher, which links Qt Core and Network alone. Anything else loads the
+// program proper, a module with the windows, the capsule and everything they need, whose
+// ninety-odd libraries alone take the dynamic loader some 25 ms.
 #include "app/SingleInstance.h"
-#include "dictation/TextInserter.h"
-#include "platform/DesktopSession.h"
-#include "services/HistoryManager.h"
-#include "services/Log.h"
 
-#include <QApplication>
-#include <QCommandLineParser>
-#include <QQuickWindow>
-#include <QSGRendererInterface>
+#include <QCoreApplication>
 
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <optional>
+
+#include <dlfcn.h>
+#include <libgen.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-int printHistory()
+bool is(const char* argument, const char* option)
 {
-    const QList<HistoryEntry> entries = HistoryManager::shared().entries();
-    if (entries.isEmpty()) {
-        std::puts("No dictations recorded yet.");
-        return 0;
-    }
-    // Written as bytes with their length: a NUL in a text must not end the output there.
-    const QByteArray out = HistoryText::forTerminal(entries);
-    std::fwrite(out.constData(), 1, static_cast<size_t>(out.size()), stdout);
-    std::fflush(stdout);
-    return 0;
-}
-
-// --help, --version and --history answer on the terminal, without a display.
-bool answersOnTheTerminal(int argc, char* argv[])
-{
-    for (int i = 1; i < argc; ++i) {
-        const QByteArray arg(argv[i]);
-        if (arg == "--history" || arg == "--help" || arg == "-h" || arg == "--help-all" || arg == "--version"
-            || arg == "-v")
-            return true;
-    }
-    return false;
+    return std::strcmp(argument, option) == 0;
 }
 
 // --press, --release and --toggle: a desktop binding passing its shortcut to the running
-// instance. Answered without a display, so the binding returns at once.
+// instance. Help, version and history go to the program, which lists these options too.
 std::optional<ShortcutEdge> shortcutEdgeArgument(int argc, char* argv[])
 {
+    std::optional<ShortcutEdge> edge;
     for (int i = 1; i < argc; ++i) {
-        const QByteArray arg(argv[i]);
-        if (arg == "--press")
-            return ShortcutEdge::press;
-        if (arg == "--release")
-            return ShortcutEdge::release;
-        if (arg == "--toggle")
-            return ShortcutEdge::toggle;
-        if (arg == "--")
+        const char* arg = argv[i];
+        if (is(arg, "--"))
             break;
+        if (is(arg, "--press"))
+            edge = ShortcutEdge::press;
+        else if (is(arg, "--release"))
+            edge = ShortcutEdge::release;
+        else if (is(arg, "--toggle"))
+            edge = ShortcutEdge::toggle;
+        else if (is(arg, "--help") || is(arg, "-h") || is(arg, "--help-all") || is(arg, "--version") || is(arg, "-v")
+            || is(arg, "--history"))
+            return std::nullopt;
     }
-    return std::nullopt;
+    return edge;
 }
 
-struct Options {
-    bool history = false;
-    QStringList links;
-};
-
-Options parseOptions(const QCoreApplication& app)
+// The program module: where an installed launcher has it, else where the build put it.
+std::string programModule()
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(u"Push-to-talk dictation: hold the hotkey anywhere, speak, let go, and the "
-                                     "words appear at the cursor."_s);
-    parser.addHelpOption();
-    parser.addVersionOption();
-    const QCommandLineOption historyOption(u"history"_s,
-        u"Print the texts Quillet inserted, newest first, and exit (to recover text that landed nowhere)."_s);
-    parser.addOption(historyOption);
-    // Read before the parser runs (shortcutEdgeArgument); listed here for --help.
-    parser.addOption(QCommandLineOption(u"press"_s,
-        u"Tell the running Quillet that the dictation shortcut went down (for a desktop's key binding)."_s));
-    parser.addOption(QCommandLineOption(
-        u"release"_s, u"Tell the running Quillet that the dictation shortcut went up (for a key binding)."_s));
-    parser.addOption(QCommandLineOption(
-        u"toggle"_s, u"Start dictating, or stop when dictating (for desktops whose shortcuts report no release)."_s));
-    parser.addPositionalArgument(u"link"_s, u"A quillet:// sign-in link to hand to Quillet."_s, u"[link]"_s);
-    parser.process(app);
-    return { parser.isSet(historyOption), parser.positionalArguments() };
-}
-
-void nameApplication()
-{
-    QCoreApplication::setApplicationName(u"Quillet"_s);
-    QCoreApplication::setOrganizationName(u"Quillet"_s);
-    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLET_VERSION));
+    char self[PATH_MAX] = {};
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length > 0) {
+        self[length] = '\0';
+        const std::string installed = std::string(::dirname(self)) + "/" QUILLET_PROGRAM_INSTALLED;
+        if (::access(installed.c_str(), R_OK) == 0)
+            return installed;
+    }
+    return QUILLET_PROGRAM_BUILT;
 }
 
 } // namespace
 
 int main(int argc, char* argv[])
 {
-    Log::makeStdoutUnbuffered();
-
-    if (answersOnTheTerminal(argc, argv)) {
-        QCoreApplication app(argc, argv);
-        nameApplication();
-        if (parseOptions(app).history)
-            return printHistory();
-        return 0;
-    }
-
     if (const std::optional<ShortcutEdge> edge = shortcutEdgeArgument(argc, argv)) {
         QCoreApplication app(argc, argv);
-        nameApplication();
-        parseOptions(app);
+        QCoreApplication::setApplicationName(u"Quillet"_s);
+        QCoreApplication::setOrganizationName(u"Quillet"_s);
         if (SingleInstance::handOverEdge(*edge))
             return 0;
         std::fputs("Quillet is not running, so there is no dictation to start or stop: start quillet first.\n", stderr);
         return 1;
     }
 
-    // The capsule and the two forms are small: the software scene graph draws them at
-    // once, shows the first capsule about ten times sooner and spares the ~100 MB an
-    // OpenGL stack takes (Mesa's llvmpipe where there is no GPU). QT_QUICK_BACKEND
-    // still decides when it is set.
-    if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
-        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
-
-    // The desktop portal takes an app id only before any other call on the connection, and
-    // creating the application object may already make one (a theme reading the desktop's
-    // settings). Only a Wayland session has portal routes to speak of.
-    if (DesktopSession::current() == DesktopSession::Type::wayland) {
-        if (const std::optional<QString> failed
-            = DesktopSession::registerWithPortal(QStringLiteral(QUILLET_APP_ID), 2000))
-            Log::write(Log::Symbol::Warning,
-                u"the desktop portal did not take the app id " QUILLET_APP_ID " ("_s + *failed
-                    + u"): it may not find Quillet's shortcut or its permissions"_s);
+    const std::string module = programModule();
+    void* program = ::dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!program) {
+        std::fprintf(stderr, "quillet: cannot load the program from %s: %s\n", module.c_str(), ::dlerror());
+        return 1;
     }
-
-    // On a Wayland session the windows go through Xwayland where it runs: only there can
-    // the capsule float without taking the focus.
-    DesktopSession::prepareGuiPlatform();
-    QApplication app(argc, argv);
-    DesktopSession::forgetGuiPlatformChoice();
-    nameApplication();
-    QApplication::setDesktopFileName(QStringLiteral(QUILLET_APP_ID));
-    // A tray program: closing the settings or welcome window must not end it.
-    QApplication::setQuitOnLastWindowClosed(false);
-    const QStringList links = parseOptions(app).links;
-    // A link that would be dropped on the way (too long, a line break, tokens of the
-    // wrong shape) is refused here, where the one who passed it can still be told.
-    for (const QString& link : links) {
-        const SignInLink::Result result = SignInLink::parse(link);
-        QString problem;
-        if (const auto* refused = std::get_if<SignInLink::Refused>(&result))
-            problem = refused->reason;
-        else if (std::holds_alternative<SignInLink::Foreign>(result))
-            problem = u"it is not a quillet://auth link"_s;
-        else if (std::holds_alternative<SignInLink::Incomplete>(result))
-            problem = u"it lacks the token or the refresh token"_s;
-        else if (const auto* repeated = std::get_if<SignInLink::RepeatedName>(&result))
-            problem = u"it repeats \"%1\""_s.arg(repeated->name.left(40));
-        if (!problem.isEmpty()) {
-            std::fprintf(stderr, "quillet: refused the sign-in link: %s\n", problem.toUtf8().constData());
-            return 2;
-        }
+    using ProgramMain = int (*)(int, char**);
+    const auto run = reinterpret_cast<ProgramMain>(::dlsym(program, "quilletProgramMain"));
+    if (!run) {
+        std::fprintf(stderr, "quillet: %s is not Quillet's program module\n", module.c_str());
+        return 1;
     }
-
-    if (SingleInstance::handOver(links, 500)) {
-        if (links.isEmpty())
-            std::puts("Quillet is already running: its settings window is open, its menu is in the panel's tray.");
-        return 0;
-    }
-
-    SingleInstance instance;
-    if (!instance.listen())
-        Log::write(Log::Symbol::Warning,
-            u"could not open "_s + SingleInstance::socketPath() + u": a second start will not find this one"_s);
-
-    const DesktopSession::Routes routes = DesktopSession::currentRoutes();
-    Log::write(Log::Symbol::Start, DesktopSession::describe(routes));
-    for (const QString& missing : DesktopSession::missingRoutes(routes))
-        Log::write(Log::Symbol::Warning, missing);
-    // Where the keystroke goes through the desktop's portal, its consent is asked for now.
-    if (routes.type == DesktopSession::Type::wayland)
-        TextInserter::shared().prepare();
-
-    AppDelegate delegate;
-    delegate.applicationDidFinishLaunching(&instance);
-    for (const QString& link : links)
-        delegate.handleDeepLink(link);
-    return app.exec();
+    return run(argc, argv);
 }
