@@ -5,6 +5,7 @@
 // It prints figures and asserts nothing.
 
 #include "FieldApp.h"
+#include "Percentile.h"
 #include "ServerProcess.h"
 #include "support/QuilletProgram.h"
 
@@ -25,15 +26,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 const QString clip = u"/usr/share/pocketsphinx/test/data/librivox/sense_and_sensibility_01_austen_64kb-0880.wav"_s;
-
-double percentile(QList<double> values, double p)
-{
-    if (values.isEmpty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    const auto index = static_cast<qsizetype>(p * double(values.size() - 1) + 0.5);
-    return values[std::clamp<qsizetype>(index, 0, values.size() - 1)];
-}
 
 // Resident memory of a process in KiB, from /proc.
 qint64 residentKiB(qint64 pid)
