@@ -61,6 +61,22 @@ private Q_SLOTS:
         QVERIFY(m_pasteboard->canWrite());
     }
 
+    void aClipboardEmptyAtStartIsKnownEmpty()
+    {
+        // Found empty when the program starts, and nothing copied since: not asked again.
+        QCOMPARE(run(u"wl-copy"_s, { u"--clear"_s }), 0);
+        const std::unique_ptr<Pasteboard> started = makeSystemPasteboard();
+        int before = 0;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                before = reads();
+                return !QCoro::waitFor(started->plainText()) && reads() == before;
+            },
+            5000));
+        QCOMPARE(QCoro::waitFor(started->plainText()), std::nullopt);
+        QCOMPARE(reads(), before);
+    }
+
     void readsWhatAnotherProgramCopied()
     {
         QCOMPARE(run(u"wl-copy"_s, { u"--type"_s, u"text/plain"_s, u"from another program"_s }), 0);

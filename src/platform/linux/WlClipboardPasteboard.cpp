@@ -3,6 +3,7 @@
 #include "platform/linux/ChildProcess.h"
 
 #include <QProcess>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -21,16 +22,20 @@ constexpr std::chrono::milliseconds clientTimeout = 1s;
 WlClipboardPasteboard::WlClipboardPasteboard(bool available)
     : m_available(available)
 {
-    if (m_available)
+    if (m_available) {
         watch();
+        probe();
+    }
 }
 
 WlClipboardPasteboard::~WlClipboardPasteboard()
 {
-    if (m_watcher) {
-        m_watcher->disconnect();
-        m_watcher->kill();
-        m_watcher->waitForFinished(1000);
+    for (QProcess* child : { m_watcher.get(), m_probe.get() }) {
+        if (!child)
+            continue;
+        child->disconnect();
+        child->kill();
+        child->waitForFinished(1000);
     }
 }
 
@@ -56,6 +61,28 @@ void WlClipboardPasteboard::watch()
         m_watcher.release()->deleteLater();
     });
     m_watcher->start();
+}
+
+void WlClipboardPasteboard::probe()
+{
+    m_probe = std::make_unique<QProcess>();
+    m_probe->setProgram(u"wl-paste"_s);
+    m_probe->setArguments({ u"--no-newline"_s, u"--type"_s, u"text"_s });
+    m_probe->setStandardOutputFile(QProcess::nullDevice());
+    m_probe->setStandardErrorFile(QProcess::nullDevice());
+    m_probe->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    const quint64 changes = m_changes;
+    QObject::connect(
+        m_probe.get(), &QProcess::finished, m_probe.get(), [this, changes](int exitCode, QProcess::ExitStatus status) {
+            const bool text = status == QProcess::NormalExit && exitCode == 0;
+            // A selection reported or written meanwhile may be the newer state.
+            if (!text && m_watcher && m_changes == changes && m_writes == 0)
+                m_knownEmpty = true;
+            m_probe.release()->deleteLater();
+        });
+    // Only the watcher's word ends the wait on some compositors: the time is up instead.
+    QTimer::singleShot(clientTimeout, m_probe.get(), [this] { m_probe->kill(); });
+    m_probe->start();
 }
 
 QCoro::Task<std::optional<QString>> WlClipboardPasteboard::plainText()
@@ -85,6 +112,7 @@ QCoro::Task<> WlClipboardPasteboard::clear()
         co_return;
     const QStringList arguments { u"--clear"_s };
     const quint64 changes = m_changes;
+    ++m_writes;
     const std::optional<QByteArray> cleared
         = co_await runChildProcess(u"wl-copy"_s, arguments, QByteArray(), clientTimeout);
     // Whatever the watcher reported meanwhile may have come after the clear.
@@ -98,6 +126,7 @@ QCoro::Task<> WlClipboardPasteboard::setPlainText(const QString& text)
     // The text goes through standard input: no length limit, and not on any command line.
     // The explicit type spares wl-copy guessing it, and it offers the usual text aliases.
     m_knownEmpty = false;
+    ++m_writes;
     const QStringList arguments { u"--type"_s, u"text/plain"_s };
     co_await runChildProcess(u"wl-copy"_s, arguments, text.toUtf8(), clientTimeout);
 }
