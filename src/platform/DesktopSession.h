@@ -60,16 +60,16 @@ Type current();
 // out once.
 Routes currentRoutes();
 
-// Call in main() before the QGuiApplication exists: picks the Qt platform plugin as
-// guiPlatformFor() says, without handing the choice down to the programs we start.
+// Call at the program's start, before the QGuiApplication exists: picks the Qt platform
+// plugin as guiPlatformFor() says, without handing the choice down to the programs we start.
 // Call forgetGuiPlatformChoice() once the application object exists.
 void prepareGuiPlatform();
 void forgetGuiPlatformChoice();
 
 // Tells the desktop portal which app id this program is (xdg-desktop-portal 1.20 and
 // later know an unsandboxed program only by what it registers, and only before any other
-// portal call on its bus connection; it must name the installed desktop entry). Call in
-// main() on a Wayland session before the application object exists, since creating one
+// portal call on its bus connection; it must name the installed desktop entry). Call at
+// the program's start on a Wayland session, before the application object exists: creating one
 // may already ask a portal for settings. Blocks for at most timeoutMs. Returns why it
 // failed, or nothing when the portal took the id or predates registration.
 std::optional<QString> registerWithPortal(const QString& appId, int timeoutMs);

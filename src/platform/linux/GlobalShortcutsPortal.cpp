@@ -101,7 +101,7 @@ void GlobalShortcutsPortal::start(const QString& preferredTrigger)
         Q_EMIT unavailable(u"no session bus"_s);
         return;
     }
-    // The app id was registered in main(), before any other portal call could be made.
+    // The app id was registered at the program's start, before any other portal call.
     createSession();
 }
 

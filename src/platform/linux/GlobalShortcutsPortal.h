@@ -19,7 +19,7 @@ public:
 
     // Creates the session and reuses the shortcut the desktop remembers for this app id,
     // or binds it with this preferred trigger (XDG shortcuts notation, "Menu"). The app
-    // id itself is registered before the application object exists (main()).
+    // id itself is registered at the program's start, before the application object exists.
     void start(const QString& preferredTrigger);
 
     // The one shortcut's id and its description as the desktop shows it.
