@@ -47,18 +47,22 @@ std::optional<ShortcutEdge> shortcutEdgeArgument(int argc, char* argv[])
     return edge;
 }
 
-// The program module: where an installed launcher has it, else where the build put it.
+// The program module: where it is installed beside this launcher (as the build tree has
+// it too), else, for a copy of the launcher elsewhere, where the build put it.
 std::string programModule()
 {
     char self[PATH_MAX] = {};
     const ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    std::string installed = QUILLET_PROGRAM_INSTALLED;
     if (length > 0) {
         self[length] = '\0';
-        const std::string installed = std::string(::dirname(self)) + "/" QUILLET_PROGRAM_INSTALLED;
-        if (::access(installed.c_str(), R_OK) == 0)
-            return installed;
+        installed = std::string(::dirname(self)) + "/" QUILLET_PROGRAM_INSTALLED;
     }
-    return QUILLET_PROGRAM_BUILT;
+#ifdef QUILLET_PROGRAM_BUILT
+    if (::access(installed.c_str(), R_OK) != 0)
+        return QUILLET_PROGRAM_BUILT;
+#endif
+    return installed;
 }
 
 } // namespace

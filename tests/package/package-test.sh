@@ -56,8 +56,10 @@ echo "== the installed programs"
 [ "$(command -v quillet)" = /usr/bin/quillet ] || fail "quillet is not /usr/bin/quillet"
 [ "$(command -v quillet-server)" = /usr/bin/quillet-server ] || fail "quillet-server is not /usr/bin/quillet-server"
 version=$(sed -n 's/^project(Quillet VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
-/usr/bin/quillet --version | grep -qx "Quillet $version" || fail "quillet --version: $(/usr/bin/quillet --version)"
-/usr/bin/quillet-server --help | grep -q -- '--api-port' || fail "quillet-server --help says nothing of --api-port"
+# (grep reads to the end in these pipelines: with pipefail, a grep -q that stops at the
+# match can leave the writer a broken pipe, and the pipeline fails on a match.)
+/usr/bin/quillet --version | grep -x "Quillet $version" >/dev/null || fail "quillet --version: $(/usr/bin/quillet --version)"
+/usr/bin/quillet-server --help | grep -- '--api-port' >/dev/null || fail "quillet-server --help says nothing of --api-port"
 # The manual pages say what --help says: every option it lists is in the page.
 for program in quillet quillet-server; do
   page=$(zcat "/usr/share/man/man1/$program.1.gz" | sed 's/\\-/-/g')
@@ -83,5 +85,5 @@ while IFS= read -r f; do
   if [ -d "$f" ] && ! dpkg -S "$f" >/dev/null 2>&1 && [ -z "$(ls -A "$f" 2>/dev/null)" ]; then left="$left $f"; fi
 done <<<"$files"
 [ -z "$left" ] || fail "left behind after purge:$left"
-ls /etc | grep -qi quillet && fail "something of Quillet is left in /etc"
+ls /etc | grep -i quillet >/dev/null && fail "something of Quillet is left in /etc"
 echo "PASS: both packages built, validated, installed, used and purged"
