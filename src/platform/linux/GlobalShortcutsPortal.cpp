@@ -1,5 +1,7 @@
 #include "platform/linux/GlobalShortcutsPortal.h"
 
+#include "platform/linux/DesktopPortal.h"
+
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -14,10 +16,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString portalService = u"org.freedesktop.portal.Desktop"_s;
-const QString portalPath = u"/org/freedesktop/portal/desktop"_s;
+using DesktopPortal::requestInterface;
+using DesktopPortal::requestPath;
+const QString& portalService = DesktopPortal::service;
+const QString& portalPath = DesktopPortal::path;
 const QString shortcutsInterface = u"org.freedesktop.portal.GlobalShortcuts"_s;
-const QString requestInterface = u"org.freedesktop.portal.Request"_s;
 
 // One entry of BindShortcuts' a(sa{sv}).
 struct PortalShortcut {
@@ -83,14 +86,6 @@ GlobalShortcutsPortal::GlobalShortcutsPortal(QObject* parent)
 {
     qDBusRegisterMetaType<PortalShortcut>();
     qDBusRegisterMetaType<PortalShortcutList>();
-}
-
-QString GlobalShortcutsPortal::requestPath(const QString& token) const
-{
-    QString sender = QDBusConnection::sessionBus().baseService();
-    sender.remove(0, 1); // the leading ':'
-    sender.replace(u'.', u'_');
-    return portalPath + u"/request/"_s + sender + u'/' + token;
 }
 
 void GlobalShortcutsPortal::start(const QString& preferredTrigger)

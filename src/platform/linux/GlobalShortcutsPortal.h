@@ -47,8 +47,6 @@ private Q_SLOTS:
         const QDBusObjectPath& session, const QString& id, qulonglong timestamp, const QVariantMap& options);
 
 private:
-    // The path the portal will answer a request with this token on, for this connection.
-    QString requestPath(const QString& token) const;
     void createSession();
     void listShortcuts();
     void bindShortcuts();

@@ -1,5 +1,6 @@
 #include "platform/DesktopSession.h"
 
+#include "platform/linux/DesktopPortal.h"
 #include "platform/linux/WaylandGlobals.h"
 
 #include <QDBusConnection>
@@ -31,7 +32,7 @@ bool onPath(const QString& tool)
 // answer within the time gets no keystroke route rather than a slow start.
 bool remoteDesktopOffersKeyboard()
 {
-    const QString service = u"org.freedesktop.portal.Desktop"_s;
+    const QString& service = DesktopPortal::service;
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return false;
@@ -40,8 +41,8 @@ bool remoteDesktopOffersKeyboard()
     if (!(running.isValid() && running.value())
         && !bus.interface()->activatableServiceNames().value().contains(service))
         return false;
-    QDBusMessage get = QDBusMessage::createMethodCall(
-        service, u"/org/freedesktop/portal/desktop"_s, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
+    QDBusMessage get
+        = QDBusMessage::createMethodCall(service, DesktopPortal::path, u"org.freedesktop.DBus.Properties"_s, u"Get"_s);
     get << u"org.freedesktop.portal.RemoteDesktop"_s << u"AvailableDeviceTypes"_s;
     const QDBusMessage reply = bus.call(get, QDBus::Block, 2000);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
@@ -161,8 +162,8 @@ std::optional<QString> registerWithPortal(const QString& appId, int timeoutMs)
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return u"no session bus"_s;
-    QDBusMessage call = QDBusMessage::createMethodCall(u"org.freedesktop.portal.Desktop"_s,
-        u"/org/freedesktop/portal/desktop"_s, u"org.freedesktop.host.portal.Registry"_s, u"Register"_s);
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        DesktopPortal::service, DesktopPortal::path, u"org.freedesktop.host.portal.Registry"_s, u"Register"_s);
     call << appId << QVariantMap();
     const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs);
     if (reply.type() != QDBusMessage::ErrorMessage)

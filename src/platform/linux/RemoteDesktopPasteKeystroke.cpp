@@ -1,6 +1,7 @@
 #include "platform/linux/RemoteDesktopPasteKeystroke.h"
 
 #include "platform/linux/AtspiTextAccessibility.h"
+#include "platform/linux/DesktopPortal.h"
 #include "platform/linux/FocusedTerminal.h"
 
 #include <QDBusConnection>
@@ -23,11 +24,12 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString portalService = u"org.freedesktop.portal.Desktop"_s;
-const QString portalPath = u"/org/freedesktop/portal/desktop"_s;
+using DesktopPortal::requestInterface;
+using DesktopPortal::requestPath;
+using DesktopPortal::sessionInterface;
+const QString& portalService = DesktopPortal::service;
+const QString& portalPath = DesktopPortal::path;
 const QString remoteDesktopInterface = u"org.freedesktop.portal.RemoteDesktop"_s;
-const QString requestInterface = u"org.freedesktop.portal.Request"_s;
-const QString sessionInterface = u"org.freedesktop.portal.Session"_s;
 
 // SelectDevices' device types and persist modes.
 constexpr uint keyboardDevice = 1;
@@ -97,14 +99,6 @@ QString RemoteDesktopPasteKeystroke::defaultTokenFile()
     return state + u"/quillet/remote-desktop-token"_s;
 }
 
-QString RemoteDesktopPasteKeystroke::requestPath(const QString& token) const
-{
-    QString sender = QDBusConnection::sessionBus().baseService();
-    sender.remove(0, 1); // the leading ':'
-    sender.replace(u'.', u'_');
-    return portalPath + u"/request/"_s + sender + u'/' + token;
-}
-
 void RemoteDesktopPasteKeystroke::notice(const QString& text, bool problem)
 {
     if (text == m_lastNotice)
@@ -164,7 +158,7 @@ void RemoteDesktopPasteKeystroke::open()
     // An answer still awaited belongs to the session given up on.
     if (!m_pendingToken.isEmpty())
         stopListening(m_pendingToken, m_pendingSlot);
-    // The app id went to the portal in main(), before any portal call: the desktop's
+    // The app id went to the portal at the program's start, before any portal call: the desktop's
     // consent, and its memory of it, are for Quillet by name.
     const QString token = u"quillet_rd%1"_s.arg(++m_requests);
     request(u"CreateSession"_s, { QVariantMap { { u"handle_token"_s, token }, { u"session_handle_token"_s, token } } },

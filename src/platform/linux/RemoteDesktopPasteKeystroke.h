@@ -62,7 +62,6 @@ private:
     void fail(State state, const QString& why);
     // Passes a sentence on, once: the same one again says nothing new.
     void notice(const QString& text, bool problem);
-    QString requestPath(const QString& token) const;
 
     QString m_tokenFile;
     State m_state = State::idle;
