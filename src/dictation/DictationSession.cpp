@@ -225,6 +225,9 @@ void DictationSession::armWatchdog()
         }
         const QString heard = heardSoFar();
         if (heard.isEmpty()) {
+            Log::write(Log::Symbol::Failure,
+                u"no transcript %1 s after the key was released: Transcription timed out"_s.arg(
+                    m_environment.timings.transcriptionTimeout.count() / 1000.0));
             m_failed = true;
             closeStream();
             m_hud->showError(u"Transcription timed out. Try again."_s);

@@ -499,10 +499,16 @@ private Q_SLOTS:
 
     void watchdogEndsASilentBackend()
     {
+        StdoutCapture out;
         Fixture f;
         auto session = f.started();
         session->stop();
         QTRY_COMPARE(f.hud->hudState().mode(), HUDMode::error(u"Transcription timed out. Try again."_s));
+        // The log says so too: the capsule is gone a few seconds later.
+        const QStringList lines = out.lines();
+        QVERIFY(std::any_of(lines.cbegin(), lines.cend(), [](const QString& line) {
+            return line.startsWith(u"✗ [Quillet] no transcript "_s) && line.endsWith(u"Transcription timed out"_s);
+        }));
         QVERIFY(session->failed());
         QCOMPARE(f.count(u"stream.cancel"_s), 1);
         QTRY_COMPARE(f.completions, 1);
